@@ -1,0 +1,26 @@
+// The blend kernel: fuses a run of consecutive rows of one tensor.
+//
+// `sources` holds the first row of this call of each active source, in source
+// order (entry 0 is the base, at most 8 entries). `first_row` is the number of the
+// call's first row within the tensor. The result for a row depends only on the
+// arguments and the row's number, never on how rows are cut into calls; all scratch
+// memory and random state are local to the call, so calls may run concurrently.
+// Arithmetic is IEEE single precision rounded at each step (double only where a
+// method needs it), with no fused multiply-add.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "recipe/recipe.h"
+
+namespace tevrin {
+
+void blend_rows(const MethodSpec& spec, uint64_t seed, int64_t first_row,
+                const std::vector<const float*>& sources, float* out, int64_t rows,
+                int64_t row_len);
+
+// Exactly `count` weights: weights[k] where given, `fill` beyond the list.
+std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count, float fill);
+
+}  // namespace tevrin

@@ -1,0 +1,47 @@
+// Seeded random draws. Nothing is shared: every random method makes a fresh
+// engine per row (dare, della) or per block of 32 rows (chaos) from the tensor's
+// seed and the row number, so output never depends on threads or chunking.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+
+namespace tevrin {
+
+// The SplitMix64 step; every seed derivation goes through it.
+uint64_t mix64(uint64_t x);
+
+// Seed of one output tensor: mix64(recipe_seed ^ mix64(hash of name)), the hash
+// being the standard library's string hash (_Hash_bytes, seed 0xc70f6907).
+uint64_t tensor_seed(uint64_t recipe_seed, const std::string& name);
+
+// MT19937-64 with the published parameters and single-value seeding.
+using RowEngine = std::mt19937_64;
+
+uint64_t dare_engine_seed(uint64_t tensor_seed, int64_t row);
+uint64_t della_engine_seed(uint64_t tensor_seed, int64_t row);
+uint64_t chaos_engine_seed(uint64_t tensor_seed, int64_t row);
+
+// A float in [0, 1): the next output scaled by 2^-64 in single precision.
+float uniform_draw(RowEngine& engine);
+
+// State of a run of gamma draws (shape alpha, scale 1) with its cached normal.
+struct GammaDraw {
+    float alpha = 1.0f;
+    float adjusted_alpha = 1.0f;
+    float a1 = 0.0f;
+    float a2 = 0.0f;
+    float cached_normal = 0.0f;
+    bool cache_filled = false;
+};
+
+GammaDraw make_gamma_draw(float alpha);
+
+// Standard normal by the polar method; of each pair the y value comes first.
+float normal_draw(GammaDraw& state, RowEngine& engine);
+
+// Marsaglia and Tsang's method, with the alpha < 1 boost.
+float gamma_draw(GammaDraw& state, RowEngine& engine);
+
+}  // namespace tevrin

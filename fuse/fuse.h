@@ -1,0 +1,44 @@
+// One fusion run: source paths and recipe text in, one finished GGUF file out.
+//
+// fuse() never throws a standard exception: every failure comes back in the
+// FuseResult with its one-line message, and a partially written output file is
+// removed (only ever a regular file this run created or truncated). An existing
+// output file survives every failure that happens before the output is opened,
+// which is after all sources, the recipe and the whole plan have been accepted.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tevrin {
+
+struct FuseProgress {
+    float fraction = 0.0f;  // 0.0 to 1.0, never falls during a run
+    std::string label;      // "Uncorking sources", "Blending <tensor>", "Corked"
+};
+
+struct FuseResult {
+    bool ok = false;
+    std::string message;      // "ok", the sorted notes joined by "; ", or the failure
+    std::string output_path;  // set on success only
+    int64_t tensors = 0;      // output tensors completely written
+    int64_t params = 0;       // elements over all planned output tensors
+    int64_t fallback = 0;     // planned tensors that lost a donor or fell back to the base
+    int64_t layers = 0;       // output layer count; set on success only
+    uint64_t bytes = 0;       // output file size; set on success only
+    double seconds = 0.0;     // wall time by the monotonic clock, success or not
+};
+
+using ProgressFn = std::function<void(const FuseProgress&)>;
+
+// `threads` of 0 or less uses the hardware concurrency. `cancel` may be null; a
+// true value stops the run at the next tensor or chunk boundary with "cancelled".
+// `progress` may be empty; it is always called on the calling thread.
+FuseResult fuse(const std::vector<std::string>& sources, const std::string& recipe_text,
+                const std::string& output_path, int threads, const std::atomic<bool>* cancel,
+                const ProgressFn& progress);
+
+}  // namespace tevrin

@@ -1,0 +1,18 @@
+// Planning of a stacked run: every output layer is one whole layer of one source.
+//
+// Shared tensors (outside the blocks) come first, planned by the recipe's rules;
+// then each output layer takes the tensors of its template layer of the base, by
+// suffix, from the slice's source, or falls back to the base's tensor.
+#pragma once
+
+#include "fuse/tensor_plan.h"
+
+namespace tevrin {
+
+// Fails with "stack layer <l> out of range for source <s>".
+void check_stack_ranges(const Recipe& recipe, const SourceList& sources);
+
+// Fails with "stack not supported: per-layer metadata <key>".
+void plan_stack(PlanContext& ctx);
+
+}  // namespace tevrin

@@ -1,0 +1,39 @@
+// One GGUF source of a fusion run: parsed header, read-only mapping of the whole
+// file, and a name-to-position index of its tensors.
+//
+// Made empty, then filled once by open(); never copied or moved, read-only after
+// open() returns, and released on destruction in any state. Tensor i's bytes lie at
+// mapping + data_offset + gguf_get_tensor_offset(gguf, i), gguf_get_tensor_size
+// bytes long; open() has checked that every tensor lies inside the mapping.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include <gguf.h>
+
+namespace tevrin {
+
+struct SourceModel {
+    std::string path;
+    gguf_context* gguf = nullptr;
+    int fd = -1;
+    const uint8_t* mapping = nullptr;
+    uint64_t mapping_size = 0;
+    uint64_t data_offset = 0;
+    std::string arch;     // general.architecture, or "unknown"
+    int32_t n_layer = 0;  // <arch>.block_count, or 0
+    std::map<std::string, int64_t> tensor_index;
+
+    SourceModel() = default;
+    SourceModel(const SourceModel&) = delete;
+    SourceModel& operator=(const SourceModel&) = delete;
+    ~SourceModel();
+
+    // Fails with "not a valid GGUF: <path>", "cannot open <path>",
+    // "mmap failed for <path>", or "tensor data beyond end of file: <path>".
+    void open(const std::string& source_path);
+};
+
+}  // namespace tevrin

@@ -1,0 +1,21 @@
+// Recipe text to Recipe.
+//
+// The text is line based: "name", "out", "seed", "default", "layers", "tensor" and
+// "stack" directives, "#" comments to the end of a line. A failure inside a line
+// is rethrown as "recipe line N: <message>"; the final checks (pick index, slerp /
+// nearswap source count, stack source index) run after the last line and carry no
+// line number. The first failure ends parsing; no partial Recipe is returned.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "recipe/recipe.h"
+
+namespace tevrin {
+
+// `source_count` decides the default method (pick for one source, linear for
+// more) and bounds pick indices and stack sources.
+Recipe parse_recipe(const std::string& text, int32_t source_count);
+
+}  // namespace tevrin

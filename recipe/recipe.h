@@ -1,0 +1,100 @@
+// The records of a parsed recipe and the small language of method expressions.
+//
+// Everything here is a plain value: a Recipe is made once per run by parse_recipe
+// and never changed afterwards; a MethodSpec is copied wherever a rule is applied.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tevrin {
+
+enum class BlendMethod : int32_t {
+    linear = 0,
+    slerp = 1,
+    ties = 2,
+    dare = 3,
+    pick = 4,
+    chaos = 5,
+    task = 6,
+    breadcrumbs = 7,
+    della = 8,
+    median = 9,
+    nearswap = 10,
+};
+
+// The recipe word of a method ("linear", "slerp", ...).
+const char* method_word(BlendMethod method);
+
+// Output tensor type of a run. `type` is a ggml type number and means nothing
+// while `keep` is true (it then holds 43, which must never reach ggml).
+struct OutType {
+    int32_t type = 8;
+    bool keep = false;
+    int32_t file_type = 7;  // general.file_type value; -1 leaves the base's key alone
+};
+
+// One method expression such as "slerp 0.2>0.8" or "ties 0.5 1,0.5".
+struct MethodSpec {
+    BlendMethod method = BlendMethod::linear;
+    std::vector<float> weights;  // by source index; may be shorter or longer than the sources
+    float t = 0.5f;
+    std::vector<float> weights_end;  // end of a schedule
+    float t_end = 0.0f;              // end of a schedule
+    bool scheduled = false;          // a '>' stood in the scalar or in the weight list
+    int32_t pick = 0;
+    std::string text;  // the recipe line, for messages
+};
+
+struct LayerRule {
+    int32_t first = 0;
+    int32_t last = 0;
+    MethodSpec spec;
+};
+
+struct TensorRule {
+    std::string pattern;
+    MethodSpec spec;
+};
+
+// One output layer of a stack: layer `layer` of source `source`.
+struct StackSlice {
+    int32_t source = 0;
+    int32_t layer = 0;
+};
+
+struct Recipe {
+    std::string name = "Tevrin Blend";
+    OutType out;
+    uint64_t seed = 42;
+    MethodSpec default_spec;
+    std::vector<LayerRule> layer_rules;
+    std::vector<TensorRule> tensor_rules;
+    std::vector<StackSlice> stack;  // empty: the output keeps the base's layers
+};
+
+// Looks a type word up case-insensitively among "f32", "f16", "bf16", "q8_0",
+// "q6_k", "q5_k", "q5_0", "q4_k", "q4_0" and "keep".
+// Throws std::invalid_argument("unknown out type '<word>'").
+OutType parse_out_type(const std::string& word);
+
+// "1,,2," -> {1, 2}. Empty items are skipped; each item is read by read_float.
+std::vector<float> parse_float_list(const std::string& text);
+
+// Reads the method expression that starts at tokens[position]; `text` is the whole
+// line and becomes MethodSpec::text. Throws "missing method in: <text>",
+// "unknown method '<word>' in: <text>", "stof" or "stoi".
+MethodSpec parse_method(const std::vector<std::string>& tokens, size_t position,
+                        const std::string& text);
+
+// Number readers with strtof / strtol / strtoull tolerance: leading space and a
+// sign pass, anything behind the number is ignored. They fail only on text without
+// a number or on a range error, with the bare messages "stof", "stoi" (also for
+// values outside 32 bits) and "stoull" (a leading minus gives the two's complement).
+// Floats are always read in the C locale.
+float read_float(const std::string& text);
+int32_t read_int(const std::string& text);
+uint64_t read_u64(const std::string& text);
+
+}  // namespace tevrin
