@@ -23,8 +23,16 @@ uint64_t dare_engine_seed(uint64_t tensor_seed, int64_t row);
 uint64_t della_engine_seed(uint64_t tensor_seed, int64_t row);
 uint64_t chaos_engine_seed(uint64_t tensor_seed, int64_t row);
 
-// A float in [0, 1): the next output scaled by 2^-64 in single precision.
+// A 64-bit engine output as a float in [0, 1): rounded to the nearest float, scaled
+// by 2^-64, and pulled back below 1 when that rounding reaches it.
+float unit_float(uint64_t bits);
+
+// unit_float of the engine's next output.
 float uniform_draw(RowEngine& engine);
+
+// `count` uniform draws into `out`, the same values as `count` calls of
+// uniform_draw in a row.
+void uniform_draws(RowEngine& engine, float* out, int64_t count);
 
 // State of a run of gamma draws (shape alpha, scale 1) with its cached normal.
 struct GammaDraw {

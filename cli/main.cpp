@@ -1,1 +1,3 @@
-int main() { return 1; }
+#include "cli/command_line.h"
+
+int main(int argc, char** argv) { return tevrin::run_command_line(argc, argv); }

@@ -37,7 +37,9 @@ struct PlanContext {
 
 // Appends the plan of one output tensor. `model`/`tensor` give shape and source
 // type; `lookup_name` is the name searched in every source when `only_source` is -1;
-// `layer` is -1 for tensors outside the blocks. Never fails.
+// `layer` is -1 for tensors outside the blocks. Fails only for a recipe output
+// type that names no ggml type (std::invalid_argument "unknown output type <n>"),
+// which parse_out_type never produces.
 void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceModel& model,
                      int64_t tensor, const std::string& lookup_name, int32_t layer,
                      int32_t only_source);
@@ -55,7 +57,8 @@ MethodSpec resolve_spec(const MethodSpec& spec, int32_t layer, int32_t first, in
 int32_t map_layer(int32_t layer, int32_t from_count, int32_t to_count);
 
 // The layer number of a block tensor name ("blk.<n>.<suffix>"), read as strtol
-// reads it, or -1 for a name that does not begin with "blk.".
+// reads it (no number reads 0; values beyond 32 bits are clamped), or -1 for a
+// name that does not begin with "blk.".
 int32_t block_layer(const std::string& name);
 
 // The role of a block tensor: what follows the first '.' at or after index 4,

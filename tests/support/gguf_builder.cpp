@@ -80,7 +80,10 @@ void write_fixture(const FixtureModel& model, const std::string& path) {
         ggml_tensor* tensor = ggml_new_tensor(ctx.get(), t.type, 4, t.ne.data());
         ggml_set_name(tensor, t.name.c_str());
         const int64_t n = ggml_nelements(tensor);
-        if (!t.raw.empty()) {
+        static uint8_t no_data = 0;
+        if (n == 0) {
+            tensor->data = &no_data;  // the writer wants a pointer even for 0 bytes
+        } else if (!t.raw.empty()) {
             if (t.raw.size() != ggml_nbytes(tensor)) {
                 throw std::runtime_error("fixture raw size mismatch for " + t.name);
             }

@@ -1,0 +1,236 @@
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "blend/blend.h"
+#include "blend/draws.h"
+#include "blend/methods.h"
+
+namespace tevrin {
+namespace {
+
+constexpr int64_t chaos_block_rows = 32;
+
+// out := sum over k of sources[k] * w[k], from 0.0 and in source order. The loop
+// runs source by source over the flat range; each element still sees the same
+// sequence of roundings as an element-by-element loop would give it.
+void weighted_sum(const std::vector<const float*>& sources, const std::vector<float>& w, float* out,
+                  int64_t count) {
+    std::fill(out, out + count, 0.0f);
+    for (size_t k = 0; k < sources.size(); ++k) {
+        const float* src = sources[k];
+        const float wk = w[k];
+        for (int64_t i = 0; i < count; ++i) {
+            out[i] = out[i] + src[i] * wk;
+        }
+    }
+}
+
+// The second end of slerp and nearswap; a lone source stands for both ends.
+const float* second_source(const BlendCall& call) {
+    return call.sources.size() > 1 ? call.sources[1] : call.sources[0];
+}
+
+void lerp_row(const float* a, const float* b, float t, float* out, int64_t len) {
+    const float one_minus_t = 1.0f - t;
+    for (int64_t e = 0; e < len; ++e) {
+        out[e] = b[e] * t + a[e] * one_minus_t;
+    }
+}
+
+void slerp_row(const float* a, const float* b, float t, float* out, int64_t len) {
+    double aa = 0.0;
+    double bb = 0.0;
+    double ab = 0.0;
+    for (int64_t e = 0; e < len; ++e) {
+        const double da = a[e];
+        const double db = b[e];
+        aa += da * da;
+        bb += db * db;
+        ab += da * db;
+    }
+    const double na = std::sqrt(aa);
+    const double nb = std::sqrt(bb);
+    if (!(na > 0.0) || !(nb > 0.0)) {
+        return lerp_row(a, b, t, out, len);
+    }
+    const double c = ab / (nb * na);
+    // Nearly parallel or opposite rows: the sine below would be close to 0.
+    if (std::fabs(c) > 0.9995) {
+        return lerp_row(a, b, t, out, len);
+    }
+    const double theta = std::acos(c);
+    const double s = std::sin(theta);
+    const float one_minus_t = 1.0f - t;
+    const float wa = static_cast<float>(std::sin(static_cast<double>(one_minus_t) * theta) / s);
+    const float wb = static_cast<float>(std::sin(static_cast<double>(t) * theta) / s);
+    for (int64_t e = 0; e < len; ++e) {
+        out[e] = b[e] * wb + a[e] * wa;
+    }
+}
+
+// Odd-even transposition sort. A pair is swapped only when strictly out of
+// order, so equal values keep their source order (which decides the sign of a
+// zero median), and with a constant count the compiler unrolls it into branch-free
+// min/max code.
+inline void sort_network(float* v, size_t count) {
+#pragma GCC unroll 8
+    for (size_t pass = 0; pass < count; ++pass) {
+#pragma GCC unroll 4
+        for (size_t j = pass % 2; j + 1 < count; j += 2) {
+            const float lo = v[j + 1] < v[j] ? v[j + 1] : v[j];
+            const float hi = v[j + 1] < v[j] ? v[j] : v[j + 1];
+            v[j] = lo;
+            v[j + 1] = hi;
+        }
+    }
+}
+
+template <size_t N>
+void median_of(const BlendCall& call) {
+    const float* src[N];
+    std::copy(call.sources.begin(), call.sources.begin() + N, src);
+    constexpr size_t m = N / 2;
+    const int64_t count = call.rows * call.row_len;
+    for (int64_t i = 0; i < count; ++i) {
+        float v[N];
+#pragma GCC unroll 8
+        for (size_t k = 0; k < N; ++k) {
+            v[k] = src[k][i];
+        }
+        sort_network(v, N);
+        call.out[i] = N % 2 == 1 ? v[m] : (v[m] + v[m - 1]) * 0.5f;
+    }
+}
+
+// Longer lists than the pipeline ever sends: the same sort on a reused list.
+void median_of_many(const BlendCall& call) {
+    const size_t n = call.sources.size();
+    const size_t m = n / 2;
+    std::vector<float> v(n);
+    const int64_t count = call.rows * call.row_len;
+    for (int64_t i = 0; i < count; ++i) {
+        for (size_t k = 0; k < n; ++k) {
+            v[k] = call.sources[k][i];
+        }
+        sort_network(v.data(), n);
+        call.out[i] = n % 2 == 1 ? v[m] : (v[m] + v[m - 1]) * 0.5f;
+    }
+}
+
+std::vector<float> chaos_weights(uint64_t seed, int64_t row, float alpha, size_t count) {
+    RowEngine engine(chaos_engine_seed(seed, row));
+    GammaDraw gamma = make_gamma_draw(alpha);
+    std::vector<float> w(count);
+    float total = 0.0f;
+    for (size_t k = 0; k < count; ++k) {
+        w[k] = gamma_draw(gamma, engine) + 1e-6f;
+        total = total + w[k];
+    }
+    for (float& wk : w) {
+        wk = wk / total;
+    }
+    return w;
+}
+
+}  // namespace
+
+void blend_linear(const BlendCall& call) {
+    const size_t n = call.sources.size();
+    std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n),
+                                       call.spec.weights.empty() ? 1.0f : 0.0f);
+    double sum = 0.0;
+    for (float wk : w) {
+        sum += static_cast<double>(wk);
+    }
+    if (sum == 0.0) {
+        sum = 1.0;
+    }
+    for (float& wk : w) {
+        wk = static_cast<float>(static_cast<double>(wk) / sum);
+    }
+    weighted_sum(call.sources, w, call.out, call.rows * call.row_len);
+}
+
+void blend_slerp(const BlendCall& call) {
+    const float* a = call.sources[0];
+    const float* b = second_source(call);
+    for (int64_t r = 0; r < call.rows; ++r) {
+        const int64_t at = r * call.row_len;
+        slerp_row(a + at, b + at, call.spec.t, call.out + at, call.row_len);
+    }
+}
+
+void blend_pick(const BlendCall& call) {
+    // The pipeline always hands a valid entry; anything else takes the base rather
+    // than reading outside the list.
+    const int32_t pick = call.spec.pick;
+    const size_t entry = pick >= 0 && static_cast<size_t>(pick) < call.sources.size()
+                             ? static_cast<size_t>(pick)
+                             : 0;
+    std::memcpy(call.out, call.sources[entry],
+                static_cast<size_t>(call.rows * call.row_len) * sizeof(float));
+}
+
+void blend_median(const BlendCall& call) {
+    switch (call.sources.size()) {
+        case 1:
+            return median_of<1>(call);
+        case 2:
+            return median_of<2>(call);
+        case 3:
+            return median_of<3>(call);
+        case 4:
+            return median_of<4>(call);
+        case 5:
+            return median_of<5>(call);
+        case 6:
+            return median_of<6>(call);
+        case 7:
+            return median_of<7>(call);
+        case 8:
+            return median_of<8>(call);
+        default:
+            return median_of_many(call);
+    }
+}
+
+void blend_nearswap(const BlendCall& call) {
+    const float* a = call.sources[0];
+    const float* b = second_source(call);
+    const float limit = 1e-9f;
+    const float tau = call.spec.t < limit ? limit : call.spec.t;
+    const int64_t count = call.rows * call.row_len;
+    for (int64_t i = 0; i < count; ++i) {
+        const float d = std::fabs(b[i] - a[i]);
+        float w = 1.0f;
+        if (d > 0.0f && tau / d <= 1.0f) {
+            w = tau / d;
+        }
+        call.out[i] = b[i] * w + a[i] * (1.0f - w);
+    }
+}
+
+void blend_chaos(const BlendCall& call) {
+    const float c = std::clamp(call.spec.t, 0.01f, 1.0f);
+    const float alpha = (1.0f - c) * 8.0f + 0.3f;
+    const size_t n = call.sources.size();
+    std::vector<const float*> block_sources(n);
+    int64_t r = 0;
+    while (r < call.rows) {
+        // Rows up to the end of this row's block share one set of weights, made
+        // from the block's number alone.
+        const int64_t row = call.first_row + r;
+        const int64_t block_end = (row / chaos_block_rows + 1) * chaos_block_rows;
+        const int64_t span = std::min(block_end - row, call.rows - r);
+        const std::vector<float> w = chaos_weights(call.seed, row, alpha, n);
+        const int64_t at = r * call.row_len;
+        for (size_t k = 0; k < n; ++k) {
+            block_sources[k] = call.sources[k] + at;
+        }
+        weighted_sum(block_sources, w, call.out + at, span * call.row_len);
+        r += span;
+    }
+}
+
+}  // namespace tevrin

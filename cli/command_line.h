@@ -1,0 +1,39 @@
+// The program's command line: scanning the arguments, settling the recipe text,
+// and running one of the three modes (--inspect report, --dry print, fusion run).
+//
+// Usage failures print the usage line to stderr and give status 1; a failed
+// fusion gives 2; everything else 0. The recipe text is never parsed here.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tevrin {
+
+extern const char* const kUsageLine;
+
+struct CommandLine {
+    std::string recipe_text;
+    std::string output_path;
+    std::string out_type = "q8_0";  // only read when a recipe is generated
+    std::vector<std::string> sources;
+    int64_t seed = -1;  // 0 or more turns recipe generation on
+    bool dry = false;
+    bool inspect = false;  // the scan stopped at --inspect <inspect_path>
+    std::string inspect_path;
+};
+
+// Scans the arguments after the program name, in order; an option that needs a
+// value but stands last is a source path. `-r` reads the whole file, or gives an
+// empty text when it cannot be read.
+CommandLine scan_command_line(const std::vector<std::string>& args);
+
+// The layer count for a generated recipe: the number behind the first
+// "n_layer":" in an inspection report, or 16 when the report has none.
+int32_t report_layer_count(const std::string& report);
+
+// Runs the whole program and returns its exit status.
+int run_command_line(int argc, char** argv);
+
+}  // namespace tevrin

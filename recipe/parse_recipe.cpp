@@ -1,0 +1,163 @@
+#include "recipe/parse_recipe.h"
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tevrin {
+namespace {
+
+constexpr const char* kTrimSet = " \t\r\n";
+constexpr const char* kSpaceSet = " \t\n\v\f\r";  // isspace in the C locale
+
+std::string trim(const std::string& text) {
+    const size_t first = text.find_first_not_of(kTrimSet);
+    if (first == std::string::npos) {
+        return "";
+    }
+    const size_t last = text.find_last_not_of(kTrimSet);
+    return text.substr(first, last - first + 1);
+}
+
+std::vector<std::string> split_tokens(const std::string& line) {
+    std::vector<std::string> tokens;
+    size_t start = line.find_first_not_of(kSpaceSet);
+    while (start != std::string::npos) {
+        const size_t end = line.find_first_of(kSpaceSet, start);
+        tokens.push_back(line.substr(start, end == std::string::npos ? end : end - start));
+        start = line.find_first_not_of(kSpaceSet, end);
+    }
+    return tokens;
+}
+
+// Range-checked token access; the message is the one the standard library's
+// vector::at gives, spelled out so it does not depend on which library is linked.
+const std::string& token_at(const std::vector<std::string>& tokens, size_t index) {
+    if (index >= tokens.size()) {
+        char message[128];
+        std::snprintf(message, sizeof message,
+                      "vector::_M_range_check: __n (which is %zu) >= this->size() (which is %zu)",
+                      index, tokens.size());
+        throw std::out_of_range(message);
+    }
+    return tokens[index];
+}
+
+struct LayerRange {
+    int32_t first = 0;
+    int32_t last = 0;
+};
+
+// "a-b" or "a", cut at the first '-': so "-1-3" has an empty first part and fails.
+LayerRange read_range(const std::string& token) {
+    const size_t dash = token.find('-');
+    LayerRange range;
+    range.first = read_int(token.substr(0, dash));
+    range.last = dash == std::string::npos ? range.first : read_int(token.substr(dash + 1));
+    return range;
+}
+
+// "src:a-b" or "src:a" appends one entry per layer; a reversed range appends none.
+void append_slice(const std::string& token, std::vector<StackSlice>& stack) {
+    const size_t colon = token.find(':');
+    if (colon == std::string::npos) {
+        throw std::invalid_argument("stack slice needs src:a-b");
+    }
+    const int32_t source = read_int(token.substr(0, colon));
+    const LayerRange range = read_range(token.substr(colon + 1));
+    for (int64_t layer = range.first; layer <= range.last; ++layer) {
+        stack.push_back({source, static_cast<int32_t>(layer)});
+    }
+}
+
+void apply_directive(const std::vector<std::string>& tokens, const std::string& line,
+                     Recipe& recipe) {
+    const std::string& word = tokens[0];
+    if (word == "name") {
+        recipe.name = trim(line.substr(4));
+    } else if (word == "out") {
+        recipe.out = parse_out_type(token_at(tokens, 1));
+    } else if (word == "seed") {
+        recipe.seed = read_u64(token_at(tokens, 1));
+    } else if (word == "default") {
+        recipe.default_spec = parse_method(tokens, 1, line);
+    } else if (word == "layers") {
+        const LayerRange range = read_range(token_at(tokens, 1));
+        recipe.layer_rules.push_back({range.first, range.last, parse_method(tokens, 2, line)});
+    } else if (word == "tensor") {
+        const std::string& pattern = token_at(tokens, 1);
+        recipe.tensor_rules.push_back({pattern, parse_method(tokens, 2, line)});
+    } else if (word == "stack") {
+        for (size_t i = 1; i < tokens.size(); ++i) {
+            append_slice(tokens[i], recipe.stack);
+        }
+    } else {
+        throw std::invalid_argument("unknown directive '" + word + "'");
+    }
+}
+
+void check_spec(const MethodSpec& spec, int32_t source_count) {
+    if (spec.method == BlendMethod::pick && (spec.pick < 0 || spec.pick >= source_count)) {
+        throw std::invalid_argument("pick index out of range in: " + spec.text);
+    }
+    if ((spec.method == BlendMethod::slerp || spec.method == BlendMethod::nearswap) &&
+        source_count < 2) {
+        throw std::invalid_argument("slerp / nearswap need at least 2 sources");
+    }
+}
+
+// Runs after the last line, so a bad line anywhere is reported before these.
+void check_recipe(const Recipe& recipe, int32_t source_count) {
+    check_spec(recipe.default_spec, source_count);
+    for (const LayerRule& rule : recipe.layer_rules) {
+        check_spec(rule.spec, source_count);
+    }
+    for (const TensorRule& rule : recipe.tensor_rules) {
+        check_spec(rule.spec, source_count);
+    }
+    for (const StackSlice& slice : recipe.stack) {
+        if (slice.source < 0 || slice.source >= source_count) {
+            throw std::invalid_argument("stack source index out of range");
+        }
+    }
+}
+
+}  // namespace
+
+Recipe parse_recipe(const std::string& text, int32_t source_count) {
+    Recipe recipe;
+    recipe.default_spec.method = source_count <= 1 ? BlendMethod::pick : BlendMethod::linear;
+
+    size_t line_number = 0;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const size_t feed = text.find('\n', pos);
+        const size_t end = feed == std::string::npos ? text.size() : feed;
+        std::string raw = text.substr(pos, end - pos);
+        pos = end + 1;
+        ++line_number;
+
+        const size_t hash = raw.find('#');
+        if (hash != std::string::npos) {
+            raw.erase(hash);
+        }
+        const std::string line = trim(raw);
+        // A line of only vertical tabs and form feeds survives the trim but has
+        // no tokens; it is skipped like an empty line.
+        const std::vector<std::string> tokens = split_tokens(line);
+        if (tokens.empty()) {
+            continue;
+        }
+        try {
+            apply_directive(tokens, line, recipe);
+        } catch (const std::exception& e) {
+            throw std::invalid_argument("recipe line " + std::to_string(line_number) + ": " +
+                                        e.what());
+        }
+    }
+    check_recipe(recipe, source_count);
+    return recipe;
+}
+
+}  // namespace tevrin
