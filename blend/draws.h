@@ -4,8 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <random>
 #include <string>
+
+#include "blend/row_engine.h"
 
 namespace tevrin {
 
@@ -15,9 +16,6 @@ uint64_t mix64(uint64_t x);
 // Seed of one output tensor: mix64(recipe_seed ^ mix64(hash of name)), the hash
 // being the standard library's string hash (_Hash_bytes, seed 0xc70f6907).
 uint64_t tensor_seed(uint64_t recipe_seed, const std::string& name);
-
-// MT19937-64 with the published parameters and single-value seeding.
-using RowEngine = std::mt19937_64;
 
 uint64_t dare_engine_seed(uint64_t tensor_seed, int64_t row);
 uint64_t della_engine_seed(uint64_t tensor_seed, int64_t row);

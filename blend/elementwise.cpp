@@ -199,7 +199,8 @@ void blend_nearswap(const BlendCall& call) {
     const float* a = call.sources[0];
     const float* b = second_source(call);
     const float limit = 1e-9f;
-    const float tau = call.spec.t < limit ? limit : call.spec.t;
+    // Written so that a NaN t takes the limit too.
+    const float tau = !(call.spec.t >= limit) ? limit : call.spec.t;
     const int64_t count = call.rows * call.row_len;
     for (int64_t i = 0; i < count; ++i) {
         const float d = std::fabs(b[i] - a[i]);
@@ -212,7 +213,8 @@ void blend_nearswap(const BlendCall& call) {
 }
 
 void blend_chaos(const BlendCall& call) {
-    const float c = std::clamp(call.spec.t, 0.01f, 1.0f);
+    // Not std::clamp: a NaN t (a recipe may say "nan") takes the lower end.
+    const float c = !(call.spec.t >= 0.01f) ? 0.01f : call.spec.t > 1.0f ? 1.0f : call.spec.t;
     const float alpha = (1.0f - c) * 8.0f + 0.3f;
     const size_t n = call.sources.size();
     std::vector<const float*> block_sources(n);

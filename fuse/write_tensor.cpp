@@ -8,10 +8,14 @@
 #include <system_error>
 #include <thread>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <ggml.h>
 
 #include "blend/blend.h"
 #include "blend/draws.h"
+#include "fuse/f16_rows.h"
 
 namespace tevrin {
 
@@ -121,6 +125,39 @@ void write_fill(WriteContext& ctx, uint64_t size) {
     ctx.written_bytes += padded - size;
 }
 
+// Drops this process's mapping of source bytes it is done with. The pages stay
+// in the page cache and fault back in if read again, so memory in use stays at
+// the size of a chunk however large the sources are.
+void release_pages(const uint8_t* begin, size_t size) {
+    static const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t lo = (reinterpret_cast<uintptr_t>(begin) + page - 1) / page * page;
+    const uintptr_t hi = (reinterpret_cast<uintptr_t>(begin) + size) / page * page;
+    if (hi > lo) {
+        madvise(reinterpret_cast<void*>(lo), hi - lo, MADV_DONTNEED);
+    }
+}
+
+// Copies a tensor's bytes unchanged, file to file inside the kernel where it can
+// (the mapping is never touched), and through the stream for whatever it cannot:
+// another file system, a pipe, a device. A failed write shows in the stream's
+// error state at the end of the run like any other.
+void copy_tensor_bytes(WriteContext& ctx, const SourceModel& src, int64_t index, size_t size) {
+    std::fflush(ctx.out);
+    loff_t from = loff_t(src.data_offset + gguf_get_tensor_offset(src.gguf, index));
+    size_t left = size;
+    while (left > 0) {
+        const ssize_t n = copy_file_range(src.fd, &from, fileno(ctx.out), nullptr, left, 0);
+        if (n <= 0) {
+            break;
+        }
+        left -= size_t(n);
+    }
+    if (left > 0) {
+        std::fwrite(src.mapping + from, 1, left, ctx.out);
+        release_pages(src.mapping + from, left);
+    }
+}
+
 void decode_rows(const uint8_t* first_row, ggml_type type, size_t src_row_bytes, int64_t row_len,
                  float* dest, int64_t lo, int64_t hi) {
     for (int64_t r = lo; r < hi; ++r) {
@@ -128,6 +165,8 @@ void decode_rows(const uint8_t* first_row, ggml_type type, size_t src_row_bytes,
         float* out = dest + r * row_len;
         if (type == GGML_TYPE_F32) {
             std::memcpy(out, row, size_t(row_len) * sizeof(float));
+        } else if (type == GGML_TYPE_F16) {
+            f16_row_to_floats(row, out, row_len);
         } else {
             ggml_get_type_traits(type)->to_float(row, out, row_len);
         }
@@ -243,7 +282,7 @@ void write_tensor(WriteContext& ctx, const TensorPlan& plan) {
         const int64_t index = plan.source_tensors[size_t(effective.single_source)];
         if (int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type) {
             const size_t size = gguf_get_tensor_size(src.gguf, index);
-            std::fwrite(tensor_bytes(src, index), 1, size, ctx.out);
+            copy_tensor_bytes(ctx, src, index, size);
             ctx.written_bytes += size;
             ctx.done_source_bytes += size;
             write_fill(ctx, out_size);
@@ -299,6 +338,7 @@ void write_tensor(WriteContext& ctx, const TensorPlan& plan) {
             parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
                 decode_rows(first, type, src_row_bytes, row_len, dest.data(), lo, hi);
             });
+            release_pages(first, src_row_bytes * size_t(n));
             ctx.done_source_bytes += src_row_bytes * uint64_t(n);
             chunk_sources.push_back(dest.data());
         }

@@ -20,7 +20,10 @@ using GgufHandle = std::unique_ptr<gguf_context, GgufFree>;
 using GgmlHandle = std::unique_ptr<ggml_context, GgmlFree>;
 
 // Parses only the header of a GGUF file: no ggml context, no tensor data.
-// Returns an empty handle for a missing, unreadable or invalid file.
+// Returns an empty handle for a missing, unreadable or invalid file, for a path
+// that names no regular file (it is never opened), for keys that are empty or
+// repeated when read up to a NUL byte, and for a tensor whose dimensions
+// multiply, zeros counted as 1, to more than 2^60.
 GgufHandle read_gguf_header(const char* path);
 
 // An empty GGUF context whose data alignment is `alignment` (a power of two),

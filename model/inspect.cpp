@@ -1,6 +1,7 @@
 #include "model/inspect.h"
 
 #include <cstdio>
+#include <limits>
 #include <locale>
 #include <map>
 #include <sstream>
@@ -53,6 +54,14 @@ void add_kv_array(std::string& doc, const gguf_context* gguf) {
         doc += "\"]";
     }
     doc += ']';
+}
+
+// Totals over a header's claims, which no data backs: a few hundred bytes of
+// header can promise more elements than 64 bits hold, so sums stop at the top.
+template <typename T>
+T saturating_add(T a, T b) {
+    T sum;
+    return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<T>::max() : sum;
 }
 
 // Dimensions joined by "x", up to the first 1 after the row length.
@@ -135,13 +144,13 @@ std::string inspect_json(const std::string& path, bool with_tensors) {
     std::string tensors;
     for (int64_t i = 0; i < n_tensors; ++i) {
         const int64_t* ne = gguf_get_tensor_ne(gguf, i);
-        const int64_t elements = ne[0] * ne[1] * ne[2] * ne[3];
-        n_params += elements;
-        tensor_bytes += gguf_get_tensor_size(gguf, i);
+        const int64_t elements = ne[0] * ne[1] * ne[2] * ne[3];  // at most 2^60 each
+        n_params = saturating_add(n_params, elements);
+        tensor_bytes = saturating_add<uint64_t>(tensor_bytes, gguf_get_tensor_size(gguf, i));
         const char* type_name = ggml_type_name(gguf_get_tensor_type(gguf, i));
         TypeStat& stat = types[type_name];
         stat.count += 1;
-        stat.params += elements;
+        stat.params = saturating_add(stat.params, elements);
         if (with_tensors && i < kLongestTensorList) {
             tensors += i == 0 ? "[\"" : ",[\"";
             tensors += json_escape(gguf_get_tensor_name(gguf, i));

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <stdexcept>
 
 #include "model/gguf_handle.h"
@@ -21,12 +22,15 @@ std::string read_arch(const gguf_context* gguf) {
     return gguf_string_or(gguf, "general.architecture", "unknown");
 }
 
+// A count above the signed 32-bit range, which every user compares as signed,
+// counts as absent too.
 int32_t read_block_count(const gguf_context* gguf, const std::string& arch) {
     const int64_t id = gguf_find_key(gguf, (arch + ".block_count").c_str());
     if (id < 0 || gguf_get_kv_type(gguf, id) != GGUF_TYPE_UINT32) {
         return 0;
     }
-    return int32_t(gguf_get_val_u32(gguf, id));
+    const uint32_t count = gguf_get_val_u32(gguf, id);
+    return count > uint32_t(INT32_MAX) ? 0 : int32_t(count);
 }
 
 // The header parse checks that tensor offsets are consecutive and aligned, but not
@@ -60,6 +64,11 @@ SourceModel::~SourceModel() {
 
 void SourceModel::open(const std::string& source_path) {
     path = source_path;
+    // Checked before anything opens the path: a FIFO without a writer would block.
+    struct stat path_st = {};
+    if (stat(path.c_str(), &path_st) == 0 && !S_ISREG(path_st.st_mode)) {
+        throw std::runtime_error("not a regular file: " + path);
+    }
     gguf = read_gguf_header(path.c_str()).release();
     if (gguf == nullptr) {
         throw std::runtime_error("not a valid GGUF: " + path);

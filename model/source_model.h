@@ -23,7 +23,7 @@ struct SourceModel {
     uint64_t mapping_size = 0;
     uint64_t data_offset = 0;
     std::string arch;     // general.architecture, or "unknown"
-    int32_t n_layer = 0;  // <arch>.block_count, or 0
+    int32_t n_layer = 0;  // <arch>.block_count, or 0 (also above INT32_MAX)
     std::map<std::string, int64_t> tensor_index;
 
     SourceModel() = default;
@@ -31,7 +31,8 @@ struct SourceModel {
     SourceModel& operator=(const SourceModel&) = delete;
     ~SourceModel();
 
-    // Fails with "not a valid GGUF: <path>", "cannot open <path>",
+    // Fails with "not a regular file: <path>" (a directory, FIFO or device, refused
+    // before it is opened), "not a valid GGUF: <path>", "cannot open <path>",
     // "mmap failed for <path>", or "tensor data beyond end of file: <path>".
     void open(const std::string& source_path);
 };

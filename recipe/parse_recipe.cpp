@@ -1,5 +1,6 @@
 #include "recipe/parse_recipe.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -44,6 +45,10 @@ const std::string& token_at(const std::vector<std::string>& tokens, size_t index
     return tokens[index];
 }
 
+// Far beyond any real model's depth; it keeps a typo such as "0:0-2000000000"
+// from expanding into billions of entries before the layer check can see them.
+constexpr int64_t kLongestStack = 65536;
+
 struct LayerRange {
     int32_t first = 0;
     int32_t last = 0;
@@ -66,6 +71,11 @@ void append_slice(const std::string& token, std::vector<StackSlice>& stack) {
     }
     const int32_t source = read_int(token.substr(0, colon));
     const LayerRange range = read_range(token.substr(colon + 1));
+    const int64_t count = std::max<int64_t>(int64_t(range.last) - range.first + 1, 0);
+    if (count > kLongestStack - int64_t(stack.size())) {
+        throw std::invalid_argument("stack too long (at most " + std::to_string(kLongestStack) +
+                                    " layers)");
+    }
     for (int64_t layer = range.first; layer <= range.last; ++layer) {
         stack.push_back({source, static_cast<int32_t>(layer)});
     }

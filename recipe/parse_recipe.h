@@ -5,6 +5,8 @@
 // is rethrown as "recipe line N: <message>"; the final checks (pick index, slerp /
 // nearswap source count, stack source index) run after the last line and carry no
 // line number. The first failure ends parsing; no partial Recipe is returned.
+// A stack of more than 65536 layers fails on the line that would pass that length,
+// with "stack too long (at most 65536 layers)", before any entry of it is made.
 #pragma once
 
 #include <cstdint>

@@ -33,6 +33,9 @@ const char* const kUsage =
     "  --arch S         general.architecture and key prefix (default llama)\n"
     "  --name S         general.name (default \"tevrin sample\")\n"
     "  --template S     tokenizer.chat_template (default: no template key)\n"
+    "  --tokenizer      add a llama-style tokenizer (<unk>, <s>, </s>, 256 byte\n"
+    "                   tokens, then filler pieces up to the vocabulary size, at\n"
+    "                   least 259) and the keys an inference loader needs\n"
     "  -h, --help       this text\n"
     "\n"
     "Width and feed-forward length must be multiples of the type's block size\n"
@@ -50,6 +53,7 @@ struct Options {
     std::string name = "tevrin sample";
     std::string chat_template;
     bool has_template = false;
+    bool tokenizer = false;
     std::string out;
 };
 
@@ -71,6 +75,9 @@ const TypeWord kTypes[] = {
     {"q8_0", GGML_TYPE_Q8_0}, {"q4_0", GGML_TYPE_Q4_0}, {"q5_0", GGML_TYPE_Q5_0},
     {"q4_k", GGML_TYPE_Q4_K}, {"q5_k", GGML_TYPE_Q5_K}, {"q6_k", GGML_TYPE_Q6_K},
 };
+
+// Tokenizer layout: <unk>, <s>, </s>, the 256 byte tokens, then filler pieces.
+constexpr int64_t kFirstFiller = 3 + 256;
 
 // Largest count accepted for any size option: keeps every element count and byte
 // size far inside 64 bits.
@@ -121,6 +128,10 @@ bool parse_options(int argc, char** argv, Options& o) {
         if (arg == "-h" || arg == "--help") {
             return false;
         }
+        if (arg == "--tokenizer") {
+            o.tokenizer = true;
+            continue;
+        }
         if (i + 1 >= argc) {
             throw std::invalid_argument(arg.rfind('-', 0) == 0 ? "missing value after " + arg
                                                                : "unexpected argument " + arg);
@@ -160,6 +171,10 @@ bool parse_options(int argc, char** argv, Options& o) {
     if (o.ffn == 0) {
         o.ffn = 3 * o.width;
     }
+    if (o.tokenizer && o.vocab < kFirstFiller) {
+        throw std::invalid_argument("--tokenizer needs --vocab " + std::to_string(kFirstFiller) +
+                                    " or more");
+    }
     const int64_t block = ggml_blck_size(o.type);
     for (const auto& [what, n] :
          {std::pair<const char*, int64_t>{"width", o.width}, {"ffn", o.ffn}}) {
@@ -191,6 +206,46 @@ std::vector<SampleTensor> tensor_list(const Options& o) {
     return list;
 }
 
+// Filler piece number k: "▁" and k written in bijective base 26 (a..z, aa, ab, ...),
+// so every piece is distinct.
+std::string filler_piece(int64_t k) {
+    std::string letters;
+    for (++k; k > 0; k = (k - 1) / 26) {
+        letters.insert(letters.begin(), char('a' + (k - 1) % 26));
+    }
+    return "\xe2\x96\x81" + letters;
+}
+
+// A sentencepiece-style vocabulary that llama loaders accept; token types are
+// 1 normal, 2 unknown, 3 control, 6 byte.
+void set_tokenizer(gguf_context* g, const Options& o) {
+    std::vector<std::string> tokens = {"<unk>", "<s>", "</s>"};
+    std::vector<float> scores(size_t(o.vocab), 0.0f);
+    std::vector<int32_t> types = {2, 3, 3};
+    for (int byte = 0; byte < 256; ++byte) {
+        char piece[8];
+        std::snprintf(piece, sizeof piece, "<0x%02X>", byte);
+        tokens.push_back(piece);
+        types.push_back(6);
+    }
+    for (int64_t id = kFirstFiller; id < o.vocab; ++id) {
+        tokens.push_back(filler_piece(id - kFirstFiller));
+        scores[size_t(id)] = -float(id - kFirstFiller);
+        types.push_back(1);
+    }
+    std::vector<const char*> texts;
+    for (const auto& t : tokens) {
+        texts.push_back(t.c_str());
+    }
+    gguf_set_val_str(g, "tokenizer.ggml.model", "llama");
+    gguf_set_arr_str(g, "tokenizer.ggml.tokens", texts.data(), texts.size());
+    gguf_set_arr_data(g, "tokenizer.ggml.scores", GGUF_TYPE_FLOAT32, scores.data(), scores.size());
+    gguf_set_arr_data(g, "tokenizer.ggml.token_type", GGUF_TYPE_INT32, types.data(), types.size());
+    gguf_set_val_u32(g, "tokenizer.ggml.bos_token_id", 1);
+    gguf_set_val_u32(g, "tokenizer.ggml.eos_token_id", 2);
+    gguf_set_val_u32(g, "tokenizer.ggml.unknown_token_id", 0);
+}
+
 void set_metadata(gguf_context* g, const Options& o) {
     const std::string& a = o.arch;
     const uint32_t heads = uint32_t(o.width >= 64 ? o.width / 64 : 1);
@@ -204,6 +259,12 @@ void set_metadata(gguf_context* g, const Options& o) {
     gguf_set_val_u32(g, (a + ".attention.head_count_kv").c_str(), heads);
     if (o.has_template) {
         gguf_set_val_str(g, "tokenizer.chat_template", o.chat_template.c_str());
+    }
+    if (o.tokenizer) {
+        gguf_set_val_u32(g, (a + ".vocab_size").c_str(), uint32_t(o.vocab));
+        gguf_set_val_u32(g, (a + ".rope.dimension_count").c_str(), uint32_t(o.width) / heads);
+        gguf_set_val_f32(g, (a + ".attention.layer_norm_rms_epsilon").c_str(), 1e-5f);
+        set_tokenizer(g, o);
     }
 }
 

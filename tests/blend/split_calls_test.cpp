@@ -16,7 +16,7 @@ using testing::method;
 // row pipeline does across chunks and workers.
 TEST(SplitCalls, EveryMethodGivesTheSameBytesHoweverRowsAreCut) {
     const int64_t rows = 100;
-    const int64_t row_len = 150;  // long enough for breadcrumbs to cut a top band
+    const int64_t row_len = 600;  // breadcrumbs cuts a top band, della ranks by radix
     std::vector<std::vector<float>> sources;
     for (uint64_t s = 0; s < 3; ++s) {
         sources.push_back(testing::fixture_values(40 + s, rows * row_len));

@@ -1,99 +1,62 @@
-// A strict JSON syntax check for the reports: one value and nothing after it, no
-// raw control bytes in strings, only the escapes JSON defines. Bytes from 0x80 up
-// are accepted as they are.
+// A strict JSON syntax check for the reports: one value and nothing after it, no raw
+// control bytes in strings, only JSON's escapes. Bytes from 0x80 up pass as they are.
 #pragma once
 
-#include <cctype>
-#include <cstring>
+#include <algorithm>
 #include <string>
+#include <string_view>
 
 namespace tevrin::testing {
 
 struct JsonCheck {
-    const std::string& s;
+    std::string_view s;
     size_t i = 0;
 
-    bool eat(char c) { return i < s.size() && s[i] == c ? (++i, true) : false; }
+    bool eat_any(std::string_view set) { return i < s.size() && set.find(s[i]) != set.npos && ++i; }
+    bool eat(char c) { return eat_any(std::string_view(&c, 1)); }
+    bool word(std::string_view w) { return s.substr(i, w.size()) == w && (i += w.size()); }
     bool digits() {
         const size_t start = i;
-        while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) {
-            ++i;
-        }
+        i = std::min(s.find_first_not_of("0123456789", i), s.size());
         return i > start;
     }
-    bool word(const char* w) {
-        const size_t n = std::strlen(w);
-        return s.compare(i, n, w) == 0 ? (i += n, true) : false;
-    }
     bool value() {
-        switch (i < s.size() ? s[i] : '\0') {
-            case '{':
-                return members('{', '}', true);
-            case '[':
-                return members('[', ']', false);
-            case '"':
-                return string();
-            case 't':
-                return word("true");
-            case 'f':
-                return word("false");
-            case 'n':
-                return word("null");
-            default:
-                return number();
+        if (eat('{') || eat('[')) {
+            return members(s[i - 1] == '{' ? '}' : ']', s[i - 1] == '{');
         }
+        return s.substr(i, 1) == "\"" ? string()
+                                      : word("true") || word("false") || word("null") || number();
     }
-    // An object or an array: zero or more comma-separated members.
-    bool members(char open, char close, bool keyed) {
-        eat(open);
+    bool members(char close, bool keyed) {
         if (eat(close)) {
             return true;
         }
-        do {
-            if ((keyed && !(string() && eat(':'))) || !value()) {
-                return false;
-            }
-        } while (eat(','));
-        return eat(close);
-    }
-    bool string() {
-        if (!eat('"')) {
-            return false;
-        }
-        while (i < s.size()) {
-            const auto c = static_cast<unsigned char>(s[i++]);
-            if (c == '"') {
-                return true;
-            }
-            if (c < 0x20 || (c == '\\' && !escape())) {
-                return false;
+        while ((!keyed || (string() && eat(':'))) && value()) {
+            if (!eat(',')) {
+                return eat(close);
             }
         }
         return false;
     }
-    bool escape() {
-        if (eat('u')) {
-            for (int k = 0; k < 4; ++k, ++i) {
-                if (i >= s.size() || !std::isxdigit(static_cast<unsigned char>(s[i]))) {
-                    return false;
-                }
-            }
-            return true;
+    bool string() {
+        bool ok = eat('"');
+        while (ok && i < s.size() && s[i] != '"') {
+            const auto c = static_cast<unsigned char>(s[i++]);
+            ok = c >= 0x20 && (c != '\\' || escape());
         }
-        return i < s.size() && s[i] != '\0' && std::strchr("\"\\/bfnrt", s[i++]) != nullptr;
+        return ok && eat('"');
+    }
+    bool escape() {
+        const std::string_view hex = "0123456789abcdefABCDEF";
+        return eat_any("\"\\/bfnrt") ||
+               (eat('u') && eat_any(hex) && eat_any(hex) && eat_any(hex) && eat_any(hex));
     }
     bool number() {
         eat('-');
-        if ((!eat('0') && !digits()) || (eat('.') && !digits())) {
-            return false;
-        }
-        if (eat('e') || eat('E')) {
-            if (!eat('+')) {
-                eat('-');
-            }
-            return digits();
-        }
-        return true;
+        const bool whole = eat('0') || digits();
+        const bool fraction = !eat('.') || digits();
+        const bool exponent = !eat_any("eE") || ((eat_any("+-") || true) && digits());
+        return whole && fraction && exponent;
     }
 };
 

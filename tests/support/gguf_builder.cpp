@@ -15,8 +15,8 @@ namespace tevrin::testing {
 
 FixtureModel fixture_model(uint32_t alignment) {
     FixtureModel model;
-    model.meta = alignment == 32 ? GgufHandle(gguf_init_empty())
-                                 : empty_gguf_with_alignment(alignment);
+    model.meta =
+        alignment == 32 ? GgufHandle(gguf_init_empty()) : empty_gguf_with_alignment(alignment);
     return model;
 }
 
@@ -168,6 +168,18 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
+}
+
+std::vector<std::unique_ptr<SourceModel>> open_fixtures(const TempDir& dir,
+                                                        const std::vector<FixtureModel>& models) {
+    std::vector<std::unique_ptr<SourceModel>> sources;
+    for (size_t i = 0; i < models.size(); ++i) {
+        const std::string path = dir.file("m" + std::to_string(i) + ".gguf");
+        write_fixture(models[i], path);
+        sources.push_back(std::make_unique<SourceModel>());
+        sources.back()->open(path);
+    }
+    return sources;
 }
 
 std::string read_file(const std::string& path) {

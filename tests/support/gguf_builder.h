@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "model/gguf_handle.h"
+#include "model/source_model.h"
 
 namespace tevrin::testing {
 
@@ -57,6 +58,10 @@ struct TempDir {
     std::string file(const std::string& name) const { return path + "/" + name; }
 };
 
+// Writes each model as m<i>.gguf in `dir` and opens them in order, base first.
+std::vector<std::unique_ptr<SourceModel>> open_fixtures(const TempDir& dir,
+                                                        const std::vector<FixtureModel>& models);
+
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 bool file_exists(const std::string& path);
@@ -71,7 +76,11 @@ CommandResult run_command(const std::string& command);
 std::string shell_quote(const std::string& text);
 
 // The tool and the sample generator as built next to the tests.
-inline const char* fuse_exe() { return TEVRIN_FUSE_EXE; }
-inline const char* sample_exe() { return TEVRIN_SAMPLE_EXE; }
+inline const char* fuse_exe() {
+    return TEVRIN_FUSE_EXE;
+}
+inline const char* sample_exe() {
+    return TEVRIN_SAMPLE_EXE;
+}
 
 }  // namespace tevrin::testing

@@ -1,0 +1,504 @@
+// End-to-end measurements of the row pipeline on two ~1 GB F16 sample models.
+//
+// 1. Stage split, in-process, with the library's own functions: decoding both
+//    sources to floats, blend_rows per method, and encoding to Q8_0, over every
+//    matrix of the pair in the pipeline's chunks, on one and on two threads.
+// 2. Whole runs of tevrin-fuse against `cat` of one source (page cache warm).
+// 3. Peak memory of a fusion run, split into anonymous memory (the pipeline's
+//    buffers) and mapped source pages.
+// Everything is measured side by side in one run: the seconds depend on the
+// machine, the ratios much less. Stage and run times are given as wall and CPU
+// seconds; on a shared machine only the CPU seconds are comparable.
+//
+//   bench_pipeline [--quick] [--dir PATH]
+//   --quick   small models (a few MB), to check the program itself
+//   --dir     parent of the temp folder (default: the system temp folder)
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <ggml.h>
+
+#include "blend/blend.h"
+#include "blend/draws.h"
+#include "fuse/write_tensor.h"
+#include "model/source_model.h"
+
+namespace {
+
+using namespace tevrin;
+using Clock = std::chrono::steady_clock;
+
+constexpr int64_t kChunkElements = 4194304;  // the pipeline's chunk
+constexpr double kMiB = 1048576.0;
+constexpr double kStreamBufferMiB = 8.0;  // the driver's output stream buffer
+
+double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// CPU seconds of all threads of this process.
+double process_cpu_seconds() {
+    timespec ts = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+// Wall and CPU seconds side by side: on a shared machine the wall clock also
+// counts the time other programs hold the cores, the CPU clock does not.
+struct Span {
+    double wall = 0.0;
+    double cpu = 0.0;
+};
+
+struct SpanTimer {
+    Clock::time_point wall_start = Clock::now();
+    double cpu_start = process_cpu_seconds();
+
+    void add_to(Span& span) const {
+        span.wall += seconds_since(wall_start);
+        span.cpu += process_cpu_seconds() - cpu_start;
+    }
+};
+
+void print_load(const char* when) {
+    double load[3] = {};
+    if (getloadavg(load, 3) == 3) {
+        std::printf("[load] %s: load average %.1f %.1f %.1f on %u hardware threads\n", when,
+                    load[0], load[1], load[2], std::thread::hardware_concurrency());
+    }
+}
+
+struct Options {
+    bool quick = false;
+    std::filesystem::path parent = std::filesystem::temp_directory_path();
+};
+
+Options parse_options(int argc, char** argv) {
+    Options o;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--quick") {
+            o.quick = true;
+        } else if (arg == "--dir" && i + 1 < argc) {
+            o.parent = argv[++i];
+        } else {
+            throw std::invalid_argument("usage: bench_pipeline [--quick] [--dir PATH]");
+        }
+    }
+    return o;
+}
+
+// A fresh folder, removed with everything in it when the bench ends.
+struct TempDir {
+    std::filesystem::path path;
+
+    explicit TempDir(const std::filesystem::path& parent) {
+        std::string pattern = (parent / "tevrin-bench-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot make a temp folder in " + parent.string());
+        }
+        path = pattern;
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+};
+
+// ---- child processes -------------------------------------------------------
+
+struct ChildRun {
+    double seconds = 0.0;
+    int status = -1;
+    double cpu_seconds = 0.0;  // user + system time of the child
+    long max_rss_kib = 0;      // ru_maxrss: anonymous and mapped file pages together
+    long peak_anon_kib = 0;    // sampled RssAnon (only when sampling)
+    long peak_file_kib = 0;    // sampled RssFile (only when sampling)
+};
+
+void sample_rss(pid_t pid, ChildRun& run) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("RssAnon:", 0) == 0) {
+            run.peak_anon_kib = std::max(run.peak_anon_kib, std::atol(line.c_str() + 8));
+        } else if (line.rfind("RssFile:", 0) == 0) {
+            run.peak_file_kib = std::max(run.peak_file_kib, std::atol(line.c_str() + 8));
+        }
+    }
+}
+
+// Runs args[0] with standard output and error into files; with `sample`, polls
+// the child's resident set every 2 ms (the timing then carries that polling).
+ChildRun run_child(const std::vector<std::string>& args, const std::string& out_path,
+                   const std::string& err_path, bool sample) {
+    std::vector<char*> argv;
+    for (const auto& a : args) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    const auto start = Clock::now();
+    const pid_t pid = fork();
+    if (pid < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    if (pid == 0) {
+        const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) {
+            _exit(127);
+        }
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    ChildRun run;
+    struct rusage usage = {};
+    int status = 0;
+    for (;;) {
+        const pid_t got = wait4(pid, &status, sample ? WNOHANG : 0, &usage);
+        if (got == pid) {
+            break;
+        }
+        if (got < 0 && errno != EINTR) {
+            throw std::runtime_error("wait4 failed");
+        }
+        if (got == 0) {
+            sample_rss(pid, run);
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+    run.seconds = seconds_since(start);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.cpu_seconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                      double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+    run.max_rss_kib = usage.ru_maxrss;
+    return run;
+}
+
+std::string read_text(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The tool's summary line ("tensors=... time=...s"), or the whole log.
+std::string summary_line(const std::string& log) {
+    const size_t at = log.find("tensors=");
+    if (at == std::string::npos) {
+        return log;
+    }
+    return log.substr(at, log.find('\n', at) - at);
+}
+
+void make_sample(const TempDir& dir, const Options& o, const std::string& seed,
+                 const std::string& path) {
+    std::vector<std::string> args = {TEVRIN_SAMPLE_EXE, "--seed", seed, "-o", path};
+    const std::vector<std::string> shape =
+        o.quick ? std::vector<std::string>{"--width", "256", "--layers", "2", "--vocab", "512"}
+                : std::vector<std::string>{"--width", "2048", "--layers", "8", "--vocab", "16384"};
+    args.insert(args.begin() + 1, shape.begin(), shape.end());
+    const auto log = (dir.path / "sample.log").string();
+    const ChildRun run = run_child(args, log, log, false);
+    if (run.status != 0) {
+        throw std::runtime_error("tevrin-sample failed: " + read_text(log));
+    }
+    std::printf("  %-7s %.2f GB in %.1f s\n", std::filesystem::path(path).filename().c_str(),
+                double(std::filesystem::file_size(path)) / 1e9, run.seconds);
+}
+
+// Brings a file into the page cache.
+void read_whole(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> block(size_t(1) << 22);
+    while (in.read(block.data(), std::streamsize(block.size())) || in.gcount() > 0) {
+    }
+}
+
+// ---- stage split -------------------------------------------------------------
+
+struct MethodCase {
+    const char* label;
+    BlendMethod method;
+    float t;
+};
+
+const MethodCase kMethods[] = {
+    {"ties 0.5", BlendMethod::ties, 0.5f},
+    {"dare 0.3", BlendMethod::dare, 0.3f},
+    {"linear", BlendMethod::linear, 0.5f},
+    {"slerp 0.5", BlendMethod::slerp, 0.5f},
+};
+constexpr size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
+
+struct Matrix {
+    std::string name;
+    int64_t index[2];
+    int64_t row_len;
+    int64_t rows;
+};
+
+std::vector<Matrix> list_matrices(const SourceModel& a, const SourceModel& b) {
+    std::vector<Matrix> list;
+    for (int64_t i = 0; i < gguf_get_n_tensors(a.gguf); ++i) {
+        const int64_t* ne = gguf_get_tensor_ne(a.gguf, i);
+        const std::string name = gguf_get_tensor_name(a.gguf, i);
+        const auto other = b.tensor_index.find(name);
+        if (ne[1] <= 1 || other == b.tensor_index.end()) {
+            continue;
+        }
+        list.push_back(Matrix{name, {i, other->second}, ne[0], ne[1] * ne[2] * ne[3]});
+    }
+    return list;
+}
+
+struct StageTimes {
+    Span decode;
+    Span blend[kMethodCount];
+    Span encode[kMethodCount];
+};
+
+struct StageBuffers {
+    std::vector<float> floats[2];
+    std::vector<float> blended;
+    std::vector<uint8_t> encoded;
+};
+
+void decode_chunk(const SourceModel& src, int64_t index, int64_t start, int64_t n, int64_t row_len,
+                  int32_t workers, std::vector<float>& dest) {
+    const ggml_type type = gguf_get_tensor_type(src.gguf, index);
+    const size_t row_bytes = ggml_row_size(type, row_len);
+    const uint8_t* first = src.mapping + src.data_offset + gguf_get_tensor_offset(src.gguf, index) +
+                           size_t(start) * row_bytes;
+    const auto to_float = ggml_get_type_traits(type)->to_float;
+    parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
+        for (int64_t r = lo; r < hi; ++r) {
+            to_float(first + size_t(r) * row_bytes, dest.data() + r * row_len, row_len);
+        }
+    });
+}
+
+// One chunk of one matrix on `workers` threads: decode both sources once, then
+// per method blend all rows and encode the result.
+void time_chunk(const SourceModel* const src[2], const Matrix& m, int64_t start, int64_t n,
+                int32_t workers, StageBuffers& buf, StageTimes& times) {
+    const SpanTimer decode_timer;
+    for (int s = 0; s < 2; ++s) {
+        decode_chunk(*src[s], m.index[s], start, n, m.row_len, workers, buf.floats[s]);
+    }
+    decode_timer.add_to(times.decode);
+    const uint64_t seed = tensor_seed(42, m.name);
+    const size_t row_bytes = ggml_row_size(GGML_TYPE_Q8_0, m.row_len);
+    for (size_t k = 0; k < kMethodCount; ++k) {
+        MethodSpec spec;
+        spec.method = kMethods[k].method;
+        spec.t = kMethods[k].t;
+        const SpanTimer blend_timer;
+        parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
+            const std::vector<const float*> rows = {buf.floats[0].data() + lo * m.row_len,
+                                                    buf.floats[1].data() + lo * m.row_len};
+            blend_rows(spec, seed, start + lo, rows, buf.blended.data() + lo * m.row_len, hi - lo,
+                       m.row_len);
+        });
+        blend_timer.add_to(times.blend[k]);
+        const SpanTimer encode_timer;
+        parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
+            ggml_quantize_chunk(GGML_TYPE_Q8_0, buf.blended.data() + lo * m.row_len,
+                                buf.encoded.data() + size_t(lo) * row_bytes, 0, hi - lo, m.row_len,
+                                nullptr);
+        });
+        encode_timer.add_to(times.encode[k]);
+    }
+}
+
+// Touches every page of a mapping, so no run pays the first-touch faults.
+void touch_mapping(const SourceModel& src) {
+    volatile uint8_t sink = 0;
+    for (uint64_t at = 0; at < src.mapping_size; at += 4096) {
+        sink = sink + src.mapping[at];
+    }
+}
+
+void print_stage_table(const StageTimes (&times)[2]) {
+    std::printf("\n  seconds as wall (cpu); b/e = blend / encode\n");
+    std::printf("  %-7s %-10s %15s %15s %15s %12s\n", "threads", "method", "decode", "blend",
+                "encode", "b/e wall/cpu");
+    for (int w = 0; w < 2; ++w) {
+        for (size_t k = 0; k < kMethodCount; ++k) {
+            const StageTimes& t = times[w];
+            std::printf("  %-7d %-10s %6.2f (%6.2f) %6.2f (%6.2f) %6.2f (%6.2f) %5.2f/%5.2f\n",
+                        w + 1, kMethods[k].label, t.decode.wall, t.decode.cpu, t.blend[k].wall,
+                        t.blend[k].cpu, t.encode[k].wall, t.encode[k].cpu,
+                        t.blend[k].wall / t.encode[k].wall, t.blend[k].cpu / t.encode[k].cpu);
+        }
+    }
+    for (int w = 0; w < 2; ++w) {
+        for (size_t k = 0; k < 2; ++k) {  // ties and dare
+            const double ratio = times[w].blend[k].cpu / times[w].encode[k].cpu;
+            std::printf("  target %-9s blend <= encode, %d thread(s), by cpu time: %s (%.2f x)\n",
+                        kMethods[k].label, w + 1, ratio <= 1.0 ? "met" : "MISSED", ratio);
+        }
+    }
+}
+
+void run_stage_split(const std::string& path_a, const std::string& path_b) {
+    SourceModel a;
+    SourceModel b;
+    a.open(path_a);
+    b.open(path_b);
+    touch_mapping(a);
+    touch_mapping(b);
+    const SourceModel* const src[2] = {&a, &b};
+    const std::vector<Matrix> matrices = list_matrices(a, b);
+    int64_t params = 0;
+    StageBuffers buf;
+    for (const Matrix& m : matrices) {
+        params += m.rows * m.row_len;
+    }
+    std::printf(
+        "\n[stage split] %zu matrices, %.3f G elements per source, chunks of %lld elements\n",
+        matrices.size(), double(params) / 1e9, static_cast<long long>(kChunkElements));
+    StageTimes times[2];
+    for (const Matrix& m : matrices) {
+        const int64_t chunk_rows =
+            std::max<int64_t>(std::min(kChunkElements / m.row_len, m.rows), 1);
+        for (auto& f : buf.floats) {
+            f.resize(size_t(chunk_rows * m.row_len));
+        }
+        buf.blended.resize(size_t(chunk_rows * m.row_len));
+        buf.encoded.resize(size_t(chunk_rows) * ggml_row_size(GGML_TYPE_Q8_0, m.row_len));
+        for (int64_t start = 0; start < m.rows; start += chunk_rows) {
+            const int64_t n = std::min(chunk_rows, m.rows - start);
+            for (int32_t w = 1; w <= 2; ++w) {  // interleaved, so both see the same machine load
+                time_chunk(src, m, start, n, std::min<int32_t>(w, int32_t(n)), buf, times[w - 1]);
+            }
+        }
+    }
+    print_stage_table(times);
+}
+
+// ---- end to end ----------------------------------------------------------------
+
+struct Command {
+    const char* label;
+    std::vector<std::string> args;
+};
+
+// Best of `reps` runs; the output is removed and written back to disk between runs
+// so no run pays for the previous one's dirty pages.
+ChildRun best_of(const Command& c, const TempDir& dir, const std::string& out, int reps) {
+    ChildRun best;
+    for (int r = 0; r < reps; ++r) {
+        const auto log = (dir.path / "run.log").string();
+        const auto err = (dir.path / "run.err").string();
+        ChildRun run = run_child(c.args, log, err, false);
+        if (run.status != 0) {
+            throw std::runtime_error(std::string(c.label) + " failed: " + read_text(log) +
+                                     read_text(err));
+        }
+        if (r == 0 || run.seconds < best.seconds) {
+            best = run;
+        }
+        std::filesystem::remove(out);
+        sync();
+    }
+    return best;
+}
+
+constexpr int kRuns = 3;
+
+void run_end_to_end(const TempDir& dir, const std::string& a, const std::string& b) {
+    const std::string out = (dir.path / "out.gguf").string();
+    const std::string fuse = TEVRIN_FUSE_EXE;
+    const std::vector<Command> commands = {
+        {"cat a > copy", {"/bin/sh", "-c", "exec cat \"$0\" > \"$1\"", a, out}},
+        {"fuse linear q8_0", {fuse, "-e", "out q8_0\ndefault linear", "-o", out, a, b}},
+        {"fuse ties 0.5 q8_0", {fuse, "-e", "out q8_0\ndefault ties 0.5", "-o", out, a, b}},
+        {"requantize a q8_0", {fuse, "-e", "out q8_0", "-o", out, a}},
+        {"copy a f16", {fuse, "-e", "out f16", "-o", out, a}},
+    };
+    read_whole(a);
+    read_whole(b);
+    std::printf("\n[end to end] best of %d runs by wall time, page cache warm\n", kRuns);
+    std::printf("  %-20s %9s %9s %9s %11s\n", "command", "wall s", "cpu s", "wall/cat",
+                "maxrss MiB");
+    double cat_seconds = 0.0;
+    for (const Command& c : commands) {
+        const ChildRun run = best_of(c, dir, out, kRuns);
+        if (cat_seconds == 0.0) {
+            cat_seconds = run.seconds;
+        }
+        std::printf("  %-20s %9.2f %9.2f %9.2f %11.1f\n", c.label, run.seconds, run.cpu_seconds,
+                    run.seconds / cat_seconds, double(run.max_rss_kib) / 1024.0);
+    }
+}
+
+void run_memory(const TempDir& dir, const std::string& a, const std::string& b) {
+    const std::string out = (dir.path / "out.gguf").string();
+    const auto log = (dir.path / "run.log").string();
+    const auto err = (dir.path / "run.err").string();
+    const ChildRun run = run_child(
+        {TEVRIN_FUSE_EXE, "-e", "out q8_0\ndefault ties 0.5", "-o", out, a, b}, log, err, true);
+    if (run.status != 0) {
+        throw std::runtime_error("fusion run failed: " + read_text(log));
+    }
+    const uint64_t out_bytes = std::filesystem::file_size(out);
+    std::filesystem::remove(out);
+    const double sources = 2.0;
+    // The encoded chunk of Q8_0 (34 bytes per 32 floats) sits beside the float buffers.
+    const double encoded = 16.0 / 4.0 * 34.0 / 32.0;
+    const double bound = (sources + 1.0) * 16.0 + kStreamBufferMiB + encoded;
+    std::printf("\n[memory] fuse ties 0.5 q8_0 of the pair (%.2f GB sources, %.2f GB output)\n",
+                double(std::filesystem::file_size(a) + std::filesystem::file_size(b)) / 1e9,
+                double(out_bytes) / 1e9);
+    std::printf("  %s\n", summary_line(read_text(log)).c_str());
+    std::printf("  peak RSS (ru_maxrss)        %8.1f MiB\n", double(run.max_rss_kib) / 1024.0);
+    std::printf("  peak anonymous (RssAnon)    %8.1f MiB\n", double(run.peak_anon_kib) / 1024.0);
+    std::printf("  peak mapped file (RssFile)  %8.1f MiB  (source pages in the page cache)\n",
+                double(run.peak_file_kib) / 1024.0);
+    std::printf(
+        "  design bound of the buffers %8.1f MiB  ((sources + 1) x 16 MiB floats + %.0f MiB "
+        "stream + %.2f MiB encoded chunk)\n",
+        bound, kStreamBufferMiB, encoded);
+}
+
+int run(const Options& o) {
+    TempDir dir(o.parent);
+    const std::string a = (dir.path / "a.gguf").string();
+    const std::string b = (dir.path / "b.gguf").string();
+    print_load("start");
+    std::printf("[models] %s\n", dir.path.c_str());
+    make_sample(dir, o, "1", a);
+    make_sample(dir, o, "2", b);
+    run_stage_split(a, b);
+    run_end_to_end(dir, a, b);
+    run_memory(dir, a, b);
+    print_load("end");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(parse_options(argc, argv));
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "bench_pipeline: %s\n", e.what());
+        return 1;
+    }
+}

@@ -1,0 +1,56 @@
+#include "blend/row_engine.h"
+
+namespace tevrin {
+
+namespace {
+
+constexpr int kShift = 156;
+constexpr uint64_t kUpper = 0xffffffff80000000ull;
+constexpr uint64_t kLower = 0x7fffffffull;
+constexpr uint64_t kMatrix = 0xb5026f5aa96619e9ull;
+
+uint64_t twist_word(uint64_t current, uint64_t next, uint64_t far) {
+    const uint64_t y = (current & kUpper) | (next & kLower);
+    return far ^ (y >> 1) ^ ((0 - (next & 1)) & kMatrix);
+}
+
+void regenerate(uint64_t* mt) {
+    constexpr int n = RowEngine::kWords;
+    int i = 0;
+    for (; i < n - kShift; ++i) {
+        mt[i] = twist_word(mt[i], mt[i + 1], mt[i + kShift]);
+    }
+    for (; i < n - 1; ++i) {
+        mt[i] = twist_word(mt[i], mt[i + 1], mt[i + kShift - n]);
+    }
+    mt[n - 1] = twist_word(mt[n - 1], mt[0], mt[kShift - 1]);
+}
+
+}  // namespace
+
+RowEngine::RowEngine(uint64_t seed) {
+    state[0] = seed;
+    for (int i = 1; i < kWords; ++i) {
+        state[i] = 6364136223846793005ull * (state[i - 1] ^ (state[i - 1] >> 62)) + uint64_t(i);
+    }
+}
+
+uint64_t RowEngine::operator()() {
+    if (index == kWords) {
+        regenerate(state);
+        index = 0;
+    }
+    uint64_t z = state[index++];
+    z ^= (z >> 29) & 0x5555555555555555ull;
+    z ^= (z << 17) & 0x71d67fffeda60000ull;
+    z ^= (z << 37) & 0xfff7eee000000000ull;
+    return z ^ (z >> 43);
+}
+
+void RowEngine::discard(uint64_t count) {
+    for (; count > 0; --count) {
+        (*this)();
+    }
+}
+
+}  // namespace tevrin
