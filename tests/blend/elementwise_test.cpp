@@ -12,7 +12,7 @@ namespace {
 
 using testing::blend;
 using testing::method;
-using Rows = std::vector<std::vector<float>>;
+using testing::Rows;
 
 TEST(Linear, NormalisesWeightsThroughDouble) {
     // One-hot sources: the blended row is the normalised weight list itself.
@@ -34,14 +34,15 @@ TEST(Slerp, FollowsTheArcOrFallsBackToTheLinearForm) {
         float t;
         std::vector<float> expected;
     } cases[] = {
-        // Worked out independently; 1 - t is rounded to single precision before use.
-        {{{1, 2, 3}, {-2, 0.5f, 1}},
+        // Worked out independently; the sums must be in double and 1 - t rounded to float.
+        {{{-0.07f, 1.38f, -0.13f, -1.25f}, {-0.58f, -2.12f, -0.74f, 2.93f}},
          0x1.9ad42cp-4f,
-         {0x1.5e6496p-1f, 0x1.fc96fep+0f, 0x1.81d632p+1f}},
+         {-0x1.0e0d38p-1f, 0x1.734da8p-1f, -0x1.7a562ap-1f, 0x1.04e2p-4f}},
         {{{0, 0}, {2, 4}}, 0.5f, {1, 2}},                     // zero row: half the other
         {{{2, 4}, {0, 0}}, 0.5f, {1, 2}},                     //
         {{{1, 2, 3}, {-1, -2, -3}}, 0.25f, {0.5f, 1, 1.5f}},  // opposite rows
         {{{1, 2}, {2, 4}}, 2.0f, {3, 6}},                     // parallel, t beyond the end
+        {{{1, 0}, {1, 0.02f}}, 0.5f, {1, 0.01f}},             // nearly parallel
         {{{1, 2}, {1, 2}, {9, 9}}, 0.5f, {1, 2}},             // itself; third source ignored
     };
     for (const auto& c : cases) {
@@ -50,12 +51,9 @@ TEST(Slerp, FollowsTheArcOrFallsBackToTheLinearForm) {
 }
 
 TEST(Median, TakesTheMiddleOrTheMeanOfTheMiddleTwo) {
+    Rows sources;
     for (size_t n = 1; n <= 9; ++n) {
-        Rows sources;
-        for (size_t k = 0; k < n; ++k) {
-            sources.push_back(testing::fixture_values(k + 1, 37));
-            sources.back()[k] = 0.25f;  // ties across sources
-        }
+        sources.push_back(testing::fixture_values(n, 37));
         std::vector<float> expected(37);
         for (size_t e = 0; e < expected.size(); ++e) {
             std::vector<float> v;
