@@ -367,7 +367,7 @@ void blend_breadcrumbs(const BlendCall& call) {
             for (int64_t e = 0; e < len; ++e) {
                 const uint32_t m = magnitude_bits(delta[e]);
                 const float kept = delta[e] * share + out[e];
-                out[e] = select((m >= low) & (m < high) ? ~0u : 0u, kept, out[e]);
+                out[e] = select(((m >= low) & (m < high)) ? ~0u : 0u, kept, out[e]);
             }
         }
     }

@@ -1,5 +1,10 @@
 #include "cli/command_line.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -30,9 +35,40 @@ int usage_failure() {
     return 1;
 }
 
+// The output path of the run under way, for the bus-error handler.
+const char* volatile g_run_output = nullptr;
+
+// A source mapping that shrinks under the run (another process truncates the
+// file) or hits a read error raises SIGBUS at the next access, and the run cannot
+// go on. The handler ends it the way a failed run ends: the failure line, no
+// output file, status 2. Tensor bytes are read only after the output is opened,
+// so a regular file at the path is one this run created or truncated.
+void on_bus_error(int) {
+    static const char message[] =
+        "FAILED: source data unreadable (a source file cut short during the run?)\n";
+    static std::atomic<bool> entered{false};
+    if (entered.exchange(true)) {  // another worker got there first and is ending it
+        for (;;) {
+            pause();
+        }
+    }
+    if (write(STDERR_FILENO, "\n", 1) < 0 ||
+        write(STDOUT_FILENO, message, sizeof message - 1) < 0) {
+        // nothing more can be said
+    }
+    struct stat st = {};
+    const char* path = g_run_output;
+    if (path != nullptr && lstat(path, &st) == 0 && S_ISREG(st.st_mode)) {
+        unlink(path);
+    }
+    _exit(2);
+}
+
 int run_fusion(const CommandLine& cl) {
     std::printf("---- recipe ----\n%s\n----------------\n", cl.recipe_text.c_str());
     std::fflush(stdout);
+    g_run_output = cl.output_path.c_str();
+    std::signal(SIGBUS, on_bus_error);
     ProgressPrinter printer;
     const FuseResult r =
         fuse(cl.sources, cl.recipe_text, cl.output_path, 0, nullptr,
@@ -86,6 +122,9 @@ int32_t report_layer_count(const std::string& report) {
 
 int run_command_line(int argc, char** argv) {
     silence_ggml_log();
+    // An output FIFO or a stdout pipe whose reader has gone would otherwise kill the
+    // process without a word; ignored, it turns into a write error the run reports.
+    std::signal(SIGPIPE, SIG_IGN);
     if (argc < 2) {
         return usage_failure();
     }

@@ -33,7 +33,11 @@ CommandLine scan_command_line(const std::vector<std::string>& args);
 // "n_layer":" in an inspection report, or 16 when the report has none.
 int32_t report_layer_count(const std::string& report);
 
-// Runs the whole program and returns its exit status.
+// Runs the whole program and returns its exit status. SIGPIPE is ignored: a
+// reader that goes away makes a failed run (status 2), not a silent death. During
+// a run SIGBUS (a source cut short under the mapping) prints "FAILED: source data
+// unreadable (a source file cut short during the run?)", removes the output file
+// if it is a regular file, and exits with status 2.
 int run_command_line(int argc, char** argv);
 
 }  // namespace tevrin

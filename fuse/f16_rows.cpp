@@ -3,6 +3,7 @@
 #include <ggml.h>
 
 #if defined(__x86_64__)
+#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -23,8 +24,14 @@ __attribute__((target("f16c,avx"))) void f16c_row(const uint8_t* row, float* out
     }
 }
 
+// F16C is read from CPUID directly: clang 14 does not know the feature name
+// "f16c" in __builtin_cpu_supports.
 bool cpu_has_f16c() {
-    static const bool has = __builtin_cpu_supports("f16c") && __builtin_cpu_supports("avx");
+    static const bool has = [] {
+        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+        return __builtin_cpu_supports("avx") && __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 &&
+               (ecx & bit_F16C) != 0;
+    }();
     return has;
 }
 #endif

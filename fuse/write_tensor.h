@@ -40,8 +40,10 @@ struct WriteContext {
     uint64_t total_source_bytes;
 };
 
-// Fails with "base is missing tensor <name>", "cancelled" or
-// "cannot dequantize type <type>".
+// Fails with "base is missing tensor <name>", "cancelled",
+// "cannot dequantize type <type>", "cannot quantize to type <type>", or, for the
+// grid-searched types iq3_xxs, iq3_s, iq2_s and iq1_m, "cannot quantize to type
+// <type>: value out of range" for a NaN or a value beyond 1e9 in magnitude.
 void write_tensor(WriteContext& ctx, const TensorPlan& plan);
 
 // Runs body(lo, hi) over equal contiguous ranges of [0, rows) on up to `workers`

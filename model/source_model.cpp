@@ -64,11 +64,7 @@ SourceModel::~SourceModel() {
 
 void SourceModel::open(const std::string& source_path) {
     path = source_path;
-    // Checked before anything opens the path: a FIFO without a writer would block.
-    struct stat path_st = {};
-    if (stat(path.c_str(), &path_st) == 0 && !S_ISREG(path_st.st_mode)) {
-        throw std::runtime_error("not a regular file: " + path);
-    }
+    // The header reader refuses directories, FIFOs and devices before opening them.
     gguf = read_gguf_header(path.c_str()).release();
     if (gguf == nullptr) {
         throw std::runtime_error("not a valid GGUF: " + path);

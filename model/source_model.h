@@ -31,9 +31,9 @@ struct SourceModel {
     SourceModel& operator=(const SourceModel&) = delete;
     ~SourceModel();
 
-    // Fails with "not a regular file: <path>" (a directory, FIFO or device, refused
-    // before it is opened), "not a valid GGUF: <path>", "cannot open <path>",
-    // "mmap failed for <path>", or "tensor data beyond end of file: <path>".
+    // Fails with "not a valid GGUF: <path>" (also for a directory, FIFO or device,
+    // refused before it is opened), "cannot open <path>", "mmap failed for <path>",
+    // or "tensor data beyond end of file: <path>".
     void open(const std::string& source_path);
 };
 
