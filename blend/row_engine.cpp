@@ -14,6 +14,16 @@ uint64_t twist_word(uint64_t current, uint64_t next, uint64_t far) {
     return far ^ (y >> 1) ^ ((0 - (next & 1)) & kMatrix);
 }
 
+void temper(const uint64_t* mt, uint64_t* out) {
+    for (int i = 0; i < RowEngine::kWords; ++i) {
+        uint64_t z = mt[i];
+        z ^= (z >> 29) & 0x5555555555555555ull;
+        z ^= (z << 17) & 0x71d67fffeda60000ull;
+        z ^= (z << 37) & 0xfff7eee000000000ull;
+        out[i] = z ^ (z >> 43);
+    }
+}
+
 void regenerate(uint64_t* mt) {
     constexpr int n = RowEngine::kWords;
     int i = 0;
@@ -35,16 +45,10 @@ RowEngine::RowEngine(uint64_t seed) {
     }
 }
 
-uint64_t RowEngine::operator()() {
-    if (index == kWords) {
-        regenerate(state);
-        index = 0;
-    }
-    uint64_t z = state[index++];
-    z ^= (z >> 29) & 0x5555555555555555ull;
-    z ^= (z << 17) & 0x71d67fffeda60000ull;
-    z ^= (z << 37) & 0xfff7eee000000000ull;
-    return z ^ (z >> 43);
+void RowEngine::refill() {
+    regenerate(state);
+    temper(state, tempered);
+    index = 0;
 }
 
 void RowEngine::discard(uint64_t count) {

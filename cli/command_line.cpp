@@ -70,9 +70,8 @@ int run_fusion(const CommandLine& cl) {
     g_run_output = cl.output_path.c_str();
     std::signal(SIGBUS, on_bus_error);
     ProgressPrinter printer;
-    const FuseResult r =
-        fuse(cl.sources, cl.recipe_text, cl.output_path, 0, nullptr,
-             [&printer](const FuseProgress& p) { print_progress(printer, p); });
+    const FuseResult r = fuse(cl.sources, cl.recipe_text, cl.output_path, 0, nullptr,
+                              [&printer](const FuseProgress& p) { print_progress(printer, p); });
     std::fputc('\n', stderr);
     std::printf(
         "%s: %s\ntensors=%lld params=%lld fallback=%lld layers=%lld bytes=%llu time=%.1fs\n",

@@ -131,7 +131,8 @@ GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& 
         // bytes that do not exist.
         const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
         if (ggml_nbytes(t) != ggml_row_size(t->type, plan.ne[0]) * size_t(rows)) {
-            throw std::runtime_error("tensor " + plan.name + " has an empty dimension GGUF cannot keep");
+            throw std::runtime_error("tensor " + plan.name +
+                                     " has an empty dimension GGUF cannot keep");
         }
         ggml_set_name(t, plan.name.c_str());
         gguf_add_tensor(out, t);
@@ -238,9 +239,17 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
 
         uint64_t done = 0;
         RowBuffers buffers;
-        WriteContext write_ctx{sources,  recipe.seed, workers,  cancel,
-                               progress, output.stream, gguf_get_alignment(out_gguf.get()),
-                               buffers,  written,     done,     total_source_bytes};
+        WriteContext write_ctx{sources,
+                               recipe.seed,
+                               workers,
+                               cancel,
+                               progress,
+                               output.stream,
+                               gguf_get_alignment(out_gguf.get()),
+                               buffers,
+                               written,
+                               done,
+                               total_source_bytes};
         for (const auto& plan : plans) {
             if (cancel != nullptr && cancel->load()) {
                 throw std::runtime_error("cancelled");

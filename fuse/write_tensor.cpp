@@ -272,14 +272,15 @@ void parallel_rows(int32_t workers, int64_t rows,
                 try {
                     body(lo, hi);
                 } catch (const std::bad_alloc&) {
-                    failures[size_t(t)] =
-                        std::make_exception_ptr(std::runtime_error("out of memory in a worker thread"));
+                    failures[size_t(t)] = std::make_exception_ptr(
+                        std::runtime_error("out of memory in a worker thread"));
                 } catch (...) {
                     failures[size_t(t)] = std::current_exception();
                 }
             });
         } catch (const std::system_error&) {
-            start_failure = std::make_exception_ptr(std::runtime_error("cannot start a worker thread"));
+            start_failure =
+                std::make_exception_ptr(std::runtime_error("cannot start a worker thread"));
             break;
         }
     }
@@ -328,8 +329,8 @@ void write_tensor(WriteContext& ctx, const TensorPlan& plan) {
         throw std::runtime_error(std::string("cannot quantize to type ") +
                                  ggml_type_name(ggml_type(plan.out_type)));
     }
-    const int64_t chunk_rows =
-        std::max<int64_t>(std::min<int64_t>(kChunkElements / std::max<int64_t>(row_len, 1), rows), 1);
+    const int64_t chunk_rows = std::max<int64_t>(
+        std::min<int64_t>(kChunkElements / std::max<int64_t>(row_len, 1), rows), 1);
     std::vector<int32_t> decode_list =
         effective.single_source >= 0 ? std::vector<int32_t>{effective.single_source} : active;
     RowBuffers& buf = ctx.buffers;

@@ -79,7 +79,9 @@ GgufHandle read_gguf_header(const char* path) {
     return handle;
 }
 
-void silence_ggml_log() { ggml_log_set(discard_log, nullptr); }
+void silence_ggml_log() {
+    ggml_log_set(discard_log, nullptr);
+}
 
 const char* gguf_string_or(const gguf_context* ctx, const char* key, const char* fallback) {
     const int64_t id = gguf_find_key(ctx, key);

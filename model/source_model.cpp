@@ -41,7 +41,8 @@ void check_tensor_bounds(const SourceModel& m) {
     for (int64_t i = 0; i < n; ++i) {
         const uint64_t offset = gguf_get_tensor_offset(m.gguf, i);
         const uint64_t size = gguf_get_tensor_size(m.gguf, i);
-        const uint64_t available = m.mapping_size >= m.data_offset ? m.mapping_size - m.data_offset : 0;
+        const uint64_t available =
+            m.mapping_size >= m.data_offset ? m.mapping_size - m.data_offset : 0;
         if (offset > available || size > available - offset) {
             throw std::runtime_error("tensor data beyond end of file: " + m.path);
         }

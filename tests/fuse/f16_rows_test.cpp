@@ -1,7 +1,7 @@
 #include "fuse/f16_rows.h"
 
-#include <gtest/gtest.h>
 #include <ggml.h>
+#include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
