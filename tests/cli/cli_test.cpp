@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 
 #include "cli/progress_printer.h"
 #include "recipe/random_recipe.h"
@@ -117,6 +118,33 @@ TEST_F(CliTest, SpecialOutputFilesAreNeverRemoved) {
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.out.find("FAILED: cannot dequantize type i32"), std::string::npos) << r.out;
     EXPECT_TRUE(file_exists(fifo));
+}
+
+TEST(Examples, EveryExampleRecipeRunsOnSampleModels) {
+    TempDir dir;
+    std::string models;
+    for (int i = 0; i < 3; ++i) {  // 6, 8 and 10 layers: deep enough for every example
+        const std::string path = dir.file("s" + std::to_string(i) + ".gguf");
+        ASSERT_EQ(run_command(shell_quote(sample_exe()) + " --width 64 --layers " +
+                              std::to_string(6 + 2 * i) + " --seed " + std::to_string(i + 1) +
+                              " -o " + path)
+                      .status,
+                  0);
+        models += " " + path;
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(TEVRIN_SOURCE_DIR "/examples")) {
+        const std::string recipe = read_file(entry.path().string());
+        const size_t at = recipe.find("# sources: ");
+        ASSERT_NE(at, std::string::npos) << entry.path();
+        const int count = std::stoi(recipe.substr(at + 11));
+        std::string sources;
+        for (int i = 0; i < count; ++i) {
+            sources += " " + dir.file("s" + std::to_string(i) + ".gguf");
+        }
+        const CommandResult r =
+            fuse_cli("-r " + entry.path().string() + " -o " + dir.file("out.gguf") + sources);
+        EXPECT_EQ(r.status, 0) << entry.path() << "\n" << r.out;
+    }
 }
 
 TEST(ProgressPrinter, ShowsOnlyFiveStepChanges) {

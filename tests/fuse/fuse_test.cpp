@@ -96,6 +96,32 @@ TEST_F(FuseTest, NotesAreSortedAndDeduplicated) {
     EXPECT_EQ(r.layers, 4);
 }
 
+TEST_F(FuseTest, StackedOutputTakesWholeLayersFromTheirSources) {
+    const std::string base = model("base.gguf", 2, 1), deep = model("deep.gguf", 4, 2);
+    const FuseResult r = run({base, deep}, "out keep\nstack 1:3 0:1 1:0 0:1", out);
+    ASSERT_TRUE(r.ok) << r.message;
+    EXPECT_EQ(r.layers, 4);
+    GgufHandle g = read_gguf_header(out.c_str());
+    ASSERT_TRUE(g);
+    EXPECT_EQ(gguf_get_val_u32(g.get(), gguf_find_key(g.get(), "llama.block_count")), 4u);
+    // Shared tensors first, then each output layer in the base's tensor order.
+    EXPECT_STREQ(gguf_get_tensor_name(g.get(), 2), "output.weight");
+    EXPECT_STREQ(gguf_get_tensor_name(g.get(), 3), "blk.0.attn_norm.weight");
+    const struct {
+        int out_layer;
+        std::string source;
+        int layer;
+    } expected[] = {{0, deep, 3}, {1, base, 1}, {2, deep, 0}, {3, base, 1}};
+    for (const auto& e : expected) {
+        for (const std::string suffix : {"attn_norm.weight", "attn_q.weight", "ffn_up.weight"}) {
+            const std::string name = "blk." + std::to_string(e.out_layer) + "." + suffix;
+            EXPECT_EQ(read_tensor_bytes(out, name),
+                      read_tensor_bytes(e.source, "blk." + std::to_string(e.layer) + "." + suffix))
+                << name;
+        }
+    }
+}
+
 TEST_F(FuseTest, FailuresBeforeTheOutputLeaveAnExistingFileAlone) {
     const std::string a = model("a.gguf", 2, 1);
     for (const std::string recipe : {"default pick 3", "stack 0:0-5", "bogus"}) {
