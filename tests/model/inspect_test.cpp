@@ -1,5 +1,7 @@
 #include "model/inspect.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "tests/model/json_check.h"
@@ -34,9 +36,6 @@ TEST(InspectJson, WholeDocument) {
     gguf_set_val_bool(g, "llama.attention.head_count", true);
     gguf_set_val_str(g, "tokenizer.chat_template", "{{x}}");
     gguf_set_val_str(g, "tevrin.recipe", "default linear\n");
-    gguf_set_val_f32(g, "llama.rope.freq_base", 10000.0f);
-    const char* tokens[] = {"a", "b", "<s>"};
-    gguf_set_arr_str(g, "tokenizer.ggml.tokens", tokens, 3);
     add_tensor(m, "token_embd.weight", GGML_TYPE_F16, {8, 4, 1, 1});
     add_tensor(m, "blk.0.attn_norm\x01", GGML_TYPE_F32, {8, 1, 1, 1});
     add_tensor(m, "blk.0.attn_q.weight", GGML_TYPE_Q8_0, {32, 2, 1, 1});
@@ -50,8 +49,7 @@ TEST(InspectJson, WholeDocument) {
         escaped +
         R"("],["llama.block_count","1"],["llama.context_length","4096"],)"
         R"(["llama.embedding_length","8"],["llama.attention.head_count","true"],)"
-        R"(["tevrin.recipe","default linear\n"],["llama.rope.freq_base","10000"],)"
-        R"(["tokenizer.ggml.tokens","[a, b, <s>]"]],)"
+        R"(["tevrin.recipe","default linear\n"]],)"
         // 32 + 8 + 64 + 20 elements in 64 + 32 + 68 + 80 bytes
         R"("n_tensors":4,"n_params":124,"tensor_bytes":244,"bpw":15.7419,)"
         R"("types":[["f16",1,32],["f32",2,28],["q8_0",1,64]])";
@@ -60,28 +58,6 @@ TEST(InspectJson, WholeDocument) {
         R"(["blk.0.attn_q.weight","q8_0","32x2"],["blk.0.ffn_up.weight","f32","4"]])";
     EXPECT_EQ(report_of(m, false), head + "}");
     EXPECT_EQ(report_of(m, true), head + tensors + "}");
-}
-
-// A chat template of another type as the first key, an architecture that is no
-// string, a cut recipe, and a tensor without elements.
-TEST(InspectJson, OddHeader) {
-    const std::string recipe = std::string(600, 'r') + "tail", cut = std::string(600, 'r') + "...";
-    FixtureModel m = testing::fixture_model();
-    gguf_set_val_u32(m.meta.get(), "tokenizer.chat_template", 1);
-    gguf_set_val_u32(m.meta.get(), "general.architecture", 5);
-    gguf_set_val_u32(m.meta.get(), "unknown.block_count", 3);
-    gguf_set_val_str(m.meta.get(), "tevrin.recipe", recipe.c_str());
-    add_tensor(m, "z", GGML_TYPE_F32, {0, 4, 1, 1});
-    EXPECT_EQ(report_of(m, true),
-              R"({"ok":true,"version":3,"alignment":32,"arch":"unknown","name":"","n_layer":"3",)"
-              R"("n_ctx_train":"","n_embd":"","n_head":"","n_head_kv":"","size_label":"",)"
-              R"("tokenizer":"","has_template":true,"tevrin_recipe":")" +
-                  cut +
-                  R"(","kv":[["general.architecture","5"],["unknown.block_count","3"],)"
-                  R"(["tevrin.recipe",")" +
-                  cut +
-                  R"("]],"n_tensors":1,"n_params":0,"tensor_bytes":0,"bpw":0,)"
-                  R"("types":[["f32",1,0]],"tensors":[["z","f32","0x4"]]})");
 }
 
 TEST(InspectJson, FiveThousandTensorsListFourThousand) {
@@ -97,20 +73,15 @@ TEST(InspectJson, FiveThousandTensorsListFourThousand) {
     EXPECT_EQ(doc.substr(doc.size() - tail.size()), tail);
 }
 
+// Also a FIFO without a writer, which would block any open: it is refused before that.
 TEST(InspectJson, FailureDocumentForAnythingUnparsable) {
     testing::TempDir dir;
     testing::write_file(dir.file("text"), "GGUF and then no model\n");
-    for (const std::string& path : {dir.file("missing"), dir.file("text"), dir.path}) {
+    ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    for (const std::string& path :
+         {dir.file("missing"), dir.file("text"), dir.path, dir.file("fifo")}) {
         EXPECT_EQ(inspect_json(path, true), R"({"ok":false,"error":"not a valid GGUF file"})");
     }
-}
-
-TEST(JsonCheck, RejectsBrokenDocuments) {
-    for (const char* bad : {"", "{", "[1,]", "{\"a\" 1}", "\"\x01\"", "\"\\x\"", "01", "1.",
-                            "[1] 2", "{\"a\":1,}", "tru", "\"\\u12g4\""}) {
-        EXPECT_FALSE(testing::is_valid_json(bad)) << bad;
-    }
-    EXPECT_TRUE(testing::is_valid_json(R"({"a":[1,-2.5e+06,true,false,null,"\u00e9\n"],"b":{}})"));
 }
 
 }  // namespace

@@ -1,53 +1,48 @@
+// The sample generator: the same seed gives the same bytes, and --tokenizer writes a
+// vocabulary of fixed tokens, byte tokens and pieces.
 #include <gtest/gtest.h>
 
-#include "model/inspect.h"
+#include <tuple>
+
 #include "tests/support/gguf_builder.h"
 
 namespace tevrin {
 namespace {
 
 using testing::read_file;
+using testing::run_command;
 
-testing::CommandResult sample(const std::string& args) {
-    return testing::run_command(std::string(testing::sample_exe()) + " " + args);
-}
-
-// token_embd and output span more than one chunk of generated values.
-const std::string kShape = "--layers 1 --width 256 --ffn 512 --vocab 4100 --type q4_k ";
-
-TEST(SampleModel, ShapesTypesSeedsAndFailure) {
+TEST(SampleModel, SameSeedSameBytes) {
     testing::TempDir dir;
-    const std::string path = dir.file("m.gguf");
-    ASSERT_EQ(sample(kShape + "--arch qwen2 --template '{{x}}' -o " + path).status, 0);
-    const std::string doc = inspect_json(path, true);
-    for (const char* part :
-         {R"("arch":"qwen2","name":"tevrin sample","n_layer":"1","n_ctx_train":"2048",)"
-          R"("n_embd":"256","n_head":"4","n_head_kv":"4",)",
-          R"("has_template":true,)",
-          R"("tensors":[["token_embd.weight","q4_K","256x4100"],)"
-          R"(["blk.0.attn_norm.weight","f32","256"],["blk.0.attn_q.weight","q4_K","256x256"],)"
-          R"(["blk.0.attn_k.weight","q4_K","256x256"],["blk.0.attn_v.weight","q4_K","256x256"],)"
-          R"(["blk.0.attn_output.weight","q4_K","256x256"],["blk.0.ffn_norm.weight","f32","256"],)"
-          R"(["blk.0.ffn_gate.weight","q4_K","256x512"],["blk.0.ffn_up.weight","q4_K","256x512"],)"
-          R"(["blk.0.ffn_down.weight","q4_K","512x256"],["output_norm.weight","f32","256"],)"
-          R"(["output.weight","q4_K","256x4100"]]})"}) {
-        EXPECT_NE(doc.find(part), std::string::npos) << part << "\nin " << doc;
-    }
-    // Read back at the offsets the header gives, the norms lie around 1.
-    for (float v : testing::read_tensor_floats(path, "output_norm.weight")) {
-        ASSERT_NEAR(v, 1.0f, 0.06f);
-    }
-
-    ASSERT_EQ(sample(kShape + "--seed 7 -o " + dir.file("a")).status, 0);  // same seed, same bytes
-    ASSERT_EQ(sample(kShape + "--seed 7 -o " + dir.file("b")).status, 0);
-    ASSERT_EQ(sample(kShape + "--seed 8 -o " + dir.file("c")).status, 0);
+    // token_embd and output span more than one chunk of generated values.
+    const std::string exe = std::string(testing::sample_exe()) +
+                            " --layers 1 --width 256 --ffn 512 --vocab 4100 --type q4_k --seed ";
+    ASSERT_EQ(run_command(exe + "7 -o " + dir.file("a")).status, 0);
+    ASSERT_EQ(run_command(exe + "7 -o " + dir.file("b")).status, 0);
+    ASSERT_EQ(run_command(exe + "8 -o " + dir.file("c")).status, 0);
     EXPECT_EQ(read_file(dir.file("a")), read_file(dir.file("b")));
     EXPECT_NE(read_file(dir.file("a")), read_file(dir.file("c")));
+}
 
-    const auto r = sample("--width 100 --type q8_0 -o " + dir.file("x"));
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "tevrin-sample: width 100 is not a multiple of 32, the block size of q8_0\n");
-    EXPECT_FALSE(testing::file_exists(dir.file("x")));
+TEST(SampleModel, TokenizerCoversTheVocabulary) {
+    testing::TempDir dir;
+    const std::string exe = std::string(testing::sample_exe()) + " --tokenizer --layers 0 -o ";
+    ASSERT_EQ(run_command(exe + dir.file("t") + " --vocab 300").status, 0);
+    GgufHandle g = read_gguf_header(dir.file("t").c_str());
+    const int64_t tokens = gguf_find_key(g.get(), "tokenizer.ggml.tokens");
+    ASSERT_EQ(gguf_get_arr_n(g.get(), tokens), 300u);
+    const auto* types = static_cast<const int32_t*>(
+        gguf_get_arr_data(g.get(), gguf_find_key(g.get(), "tokenizer.ggml.token_type")));
+    const std::string lead = "\xe2\x96\x81";
+    const std::vector<std::tuple<int, std::string, int>> expected = {
+        {0, "<unk>", 2},    {2, "</s>", 3},       {3, "<0x00>", 6},
+        {258, "<0xFF>", 6}, {259, lead + "a", 1}, {285, lead + "aa", 1}};  // id, text, token type
+    for (const auto& [id, text, type] : expected) {
+        EXPECT_EQ(gguf_get_arr_str(g.get(), tokens, size_t(id)), text) << id;
+        EXPECT_EQ(types[id], type) << id;
+    }
+    // Fewer entries than the fixed tokens is refused.
+    EXPECT_EQ(run_command(exe + dir.file("u") + " --vocab 258").status, 1);
 }
 
 }  // namespace
