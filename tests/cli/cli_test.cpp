@@ -95,6 +95,9 @@ TEST_F(CliTest, FailedRunsReportAndLeaveNoFile) {
               std::string::npos)
         << r.out;
     EXPECT_EQ(read_file(out), "precious");  // failed before the output was opened
+    r = fuse_cli("-e 'stack 0:0-2000000000' -o " + out + " " + a);  // refused at once
+    EXPECT_NE(r.out.find("FAILED: recipe line 1: stack too long (at most 65536 layers)\n"),
+              std::string::npos);
 
     // A 64 KiB file-size limit with SIGXFSZ ignored makes writes fail like a full disk.
     write_fixture(llama_fixture(2, 256, GGML_TYPE_F32, 3), a);
@@ -105,19 +108,47 @@ TEST_F(CliTest, FailedRunsReportAndLeaveNoFile) {
     EXPECT_FALSE(file_exists(out));
 }
 
-TEST_F(CliTest, SpecialOutputFilesAreNeverRemoved) {
-    // A run that fails after opening its output (an integer tensor it would have
-    // to decode), writing into a FIFO.
-    FixtureModel m = llama_fixture(1, 64, GGML_TYPE_F16, 4);
-    add_tensor(m, "ints", GGML_TYPE_I32, {64, 2, 1, 1}).raw.assign(64 * 2 * 4, 0);
-    write_fixture(m, a);
+TEST_F(CliTest, SpecialFilesNeitherHangNorGetRemoved) {
     const std::string fifo = dir.file("fifo");
-    const CommandResult r =
-        run_command("mkfifo " + fifo + " && (cat " + fifo + " >/dev/null &) && " +
-                    shell_quote(fuse_exe()) + " -e 'out f16' -o " + fifo + " " + a);
+    ASSERT_EQ(run_command("mkfifo " + fifo).status, 0);
+    // `timeout` turns a hang into status 124 instead of a stuck test.
+    const std::string exe = "timeout 60 " + shell_quote(fuse_exe());
+    CommandResult r = run_command(exe + " --inspect " + fifo);
+    EXPECT_EQ(r.out, "{\"ok\":false,\"error\":\"not a valid GGUF file\"}\n");
+    for (const std::string& source : {fifo, dir.path}) {
+        r = run_command(exe + " -o " + out + " " + a + " " + source);
+        EXPECT_EQ(r.status, 2) << source;
+        EXPECT_NE(r.out.find("FAILED: not a valid GGUF: " + source + "\n"), std::string::npos);
+    }
+    // An output FIFO whose reader quits early: a write error, not SIGPIPE, and the
+    // FIFO stays where it was.
+    write_fixture(llama_fixture(2, 256, GGML_TYPE_F32, 1), a);
+    r = run_command("(head -c 100 " + fifo + " >/dev/null &) && " + exe + " -e 'out f32' -o " +
+                    fifo + " " + a);
     EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.out.find("FAILED: cannot dequantize type i32"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("FAILED: write error (disk full?)\n"), std::string::npos) << r.out;
     EXPECT_TRUE(file_exists(fifo));
+}
+
+// A source truncated under the mapping raises SIGBUS at the next read; the run
+// ends as a failed one. The signal is sent by hand once writing has started, as
+// a truncation cannot be timed; the long stack makes the run last long enough.
+TEST_F(CliTest, BusErrorEndsTheRunAsAFailure) {
+    write_fixture(llama_fixture(4, 256, GGML_TYPE_F32, 1), a);
+    std::string stack = "out q4_k\nstack";
+    for (int i = 0; i < 400; ++i) {
+        stack += " 0:0-3";
+    }
+    write_file(dir.file("r.txt"), stack);
+    const CommandResult r = run_command(shell_quote(fuse_exe()) + " -r " + dir.file("r.txt") +
+                                        " -o " + out + " " + a + " & pid=$!; while [ ! -s " + out +
+                                        " ]; do sleep 0.01; done; kill -BUS $pid; wait $pid");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("\nFAILED: source data unreadable (a source file cut short during the "
+                         "run?)\n"),
+              std::string::npos)
+        << r.out;
+    EXPECT_FALSE(file_exists(out));
 }
 
 TEST(Examples, EveryExampleRecipeRunsOnSampleModels) {

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "blend/blend.h"
 #include "blend/draws.h"
+#include "fuse/f16_rows.h"
 #include "fuse/fuse.h"
 #include "fuse/write_tensor.h"
 #include "tests/support/gguf_builder.h"
@@ -133,6 +135,47 @@ TEST(WriteTensor, EmptyAndOneDimensionalTensors) {
     ASSERT_TRUE(g);
     EXPECT_EQ(gguf_get_tensor_type(g.get(), 1), GGML_TYPE_F32);  // 1-D tensors are always F32
     EXPECT_EQ(r.bytes, read_file(dir.file("o.gguf")).size());
+}
+
+// Data that ggml cannot decode, or that would make its grid-searching quantizers
+// (iq3_xxs, iq3_s, iq2_s, iq1_m) abort, fails the run and leaves no file.
+TEST(WriteTensor, DataGgmlCannotHandleFailsTheRun) {
+    TempDir dir;
+    FixtureModel base = fixture_model();
+    add_tensor(base, "w", GGML_TYPE_IQ3_XXS, {256, 2, 1, 1});
+    add_tensor(base, "i", GGML_TYPE_I32, {8, 2, 1, 1}).raw.assign(64, 0);
+    write_fixture(base, dir.file("base.gguf"));
+    const std::string out = dir.file("out.gguf");
+    const struct {
+        float value;
+        std::string recipe, message;
+    } cases[] = {
+        {0.5f, "out keep", "ok"},  // i32 copied whole, iq3_xxs re-encoded
+        {1e13f, "out keep", "cannot quantize to type iq3_xxs: value out of range"},
+        {NAN, "out keep", "cannot quantize to type iq3_xxs: value out of range"},
+        {0.5f, "out f16", "cannot dequantize type i32"},
+    };
+    for (const auto& c : cases) {
+        FixtureModel donor = fixture_model();
+        add_tensor(donor, "w", GGML_TYPE_F32, {256, 2, 1, 1}).values.assign(512, c.value);
+        write_fixture(donor, dir.file("donor.gguf"));
+        const FuseResult r = run({dir.file("base.gguf"), dir.file("donor.gguf")}, c.recipe, out);
+        EXPECT_EQ(r.message, c.message) << c.value;
+        EXPECT_EQ(file_exists(out), r.ok);
+        std::remove(out.c_str());
+    }
+}
+
+TEST(F16Rows, EveryHalfConvertsExactlyAsGgmlDoes) {
+    std::vector<uint16_t> half(65536 + 5);  // odd length: the tail path too
+    for (size_t i = 0; i < half.size(); ++i) {
+        half[i] = uint16_t(i);
+    }
+    std::vector<float> fast(half.size()), reference(half.size());
+    const auto* bytes = reinterpret_cast<const uint8_t*>(half.data());
+    f16_row_to_floats(bytes, fast.data(), int64_t(half.size()));
+    ggml_get_type_traits(GGML_TYPE_F16)->to_float(bytes, reference.data(), int64_t(half.size()));
+    EXPECT_EQ(std::memcmp(fast.data(), reference.data(), fast.size() * sizeof(float)), 0);
 }
 
 TEST(ParallelRows, SplitsIntoEqualContiguousRangesAndJoinsFailures) {
