@@ -14,7 +14,9 @@ uint64_t twist_word(uint64_t current, uint64_t next, uint64_t far) {
     return far ^ (y >> 1) ^ ((0 - (next & 1)) & kMatrix);
 }
 
-void temper(const uint64_t* mt, uint64_t* out) {
+// Both passes are plain 64-bit integer work that the compiler vectorises; where
+// the CPU has AVX2 they run four words at a time (the outputs are the same).
+__attribute__((target_clones("avx2", "default"))) void temper(const uint64_t* mt, uint64_t* out) {
     for (int i = 0; i < RowEngine::kWords; ++i) {
         uint64_t z = mt[i];
         z ^= (z >> 29) & 0x5555555555555555ull;
@@ -24,7 +26,7 @@ void temper(const uint64_t* mt, uint64_t* out) {
     }
 }
 
-void regenerate(uint64_t* mt) {
+__attribute__((target_clones("avx2", "default"))) void regenerate(uint64_t* mt) {
     constexpr int n = RowEngine::kWords;
     int i = 0;
     for (; i < n - kShift; ++i) {
