@@ -176,6 +176,45 @@ TEST(Examples, EveryExampleRecipeRunsOnSampleModels) {
             fuse_cli("-r " + entry.path().string() + " -o " + dir.file("out.gguf") + sources);
         EXPECT_EQ(r.status, 0) << entry.path() << "\n" << r.out;
     }
+    // Generated recipes fuse too, whatever the number of sources.
+    for (const int count : {1, 2, 3, 8}) {
+        std::string sources;
+        for (int i = 0; i < count; ++i) {
+            sources += " " + dir.file("s" + std::to_string(i % 3) + ".gguf");
+        }
+        const CommandResult r = fuse_cli("--random " + std::to_string(count * 11) + " -o " +
+                                         dir.file("out.gguf") + sources);
+        EXPECT_EQ(r.status, 0) << count << " sources\n" << r.out;
+    }
+}
+
+TEST_F(CliTest, EachRecipeFailureEndsTheRunWithItsMessage) {
+    const struct {
+        std::string recipe, message;
+    } cases[] = {
+        {"blend 1", "recipe line 1: unknown directive 'blend'"},
+        {"\nout",
+         "recipe line 2: vector::_M_range_check: __n (which is 1) >= this->size() "
+         "(which is 1)"},
+        {"layers 0-3", "recipe line 1: missing method in: layers 0-3"},
+        {"out q4_k_m", "recipe line 1: unknown out type 'q4_k_m'"},
+        {"default slerp x", "recipe line 1: stof"},
+        {"layers -1-3 pick 0", "recipe line 1: stoi"},
+        {"seed abc", "recipe line 1: stoull"},
+        {"stack 0", "recipe line 1: stack slice needs src:a-b"},
+        {"default pick 2", "pick index out of range in: default pick 2"},
+        {"stack 2:0-1", "stack source index out of range"},
+        {"stack 1:0-2", "stack layer 2 out of range for source 1"},
+    };
+    for (const auto& c : cases) {
+        const CommandResult r =
+            fuse_cli("-e " + shell_quote(c.recipe) + " -o " + out + " " + a + " " + b);
+        EXPECT_EQ(r.status, 2) << c.recipe;
+        EXPECT_NE(r.out.find("FAILED: " + c.message + "\n"), std::string::npos) << r.out;
+    }
+    EXPECT_NE(fuse_cli("-e 'default nearswap' -o " + out + " " + a)
+                  .out.find("FAILED: slerp / nearswap need at least 2 sources\n"),
+              std::string::npos);
 }
 
 TEST(ProgressPrinter, ShowsOnlyFiveStepChanges) {
