@@ -10,6 +10,7 @@
 
 #include "blend/blend.h"
 #include "blend/draws.h"
+#include "recipe/method_table.h"
 
 namespace {
 

@@ -35,6 +35,9 @@
 
 #include "blend/blend.h"
 #include "blend/draws.h"
+#include "fuse/decode_rows.h"
+#include "fuse/output_stream.h"
+#include "fuse/parallel_rows.h"
 #include "fuse/write_tensor.h"
 #include "model/source_model.h"
 
@@ -43,9 +46,8 @@ namespace {
 using namespace tevrin;
 using Clock = std::chrono::steady_clock;
 
-constexpr int64_t kChunkElements = 4194304;  // the pipeline's chunk
 constexpr double kMiB = 1048576.0;
-constexpr double kStreamBufferMiB = 8.0;  // the driver's output stream buffer
+constexpr double kStreamBufferMiB = double(kStreamBufferBytes) / kMiB;
 
 double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -238,13 +240,13 @@ struct MethodCase {
     float t;
 };
 
-const MethodCase kMethods[] = {
+const MethodCase kTimedMethodList[] = {
     {"ties 0.5", BlendMethod::ties, 0.5f},
     {"dare 0.3", BlendMethod::dare, 0.3f},
     {"linear", BlendMethod::linear, 0.5f},
     {"slerp 0.5", BlendMethod::slerp, 0.5f},
 };
-constexpr size_t kMethodCount = sizeof kMethods / sizeof kMethods[0];
+constexpr size_t kTimedMethods = sizeof kTimedMethodList / sizeof kTimedMethodList[0];
 
 struct Matrix {
     std::string name;
@@ -269,8 +271,8 @@ std::vector<Matrix> list_matrices(const SourceModel& a, const SourceModel& b) {
 
 struct StageTimes {
     Span decode;
-    Span blend[kMethodCount];
-    Span encode[kMethodCount];
+    Span blend[kTimedMethods];
+    Span encode[kTimedMethods];
 };
 
 struct StageBuffers {
@@ -279,17 +281,11 @@ struct StageBuffers {
     std::vector<uint8_t> encoded;
 };
 
+// The pipeline's own decoding (F16 through its exact converter), as a run does it.
 void decode_chunk(const SourceModel& src, int64_t index, int64_t start, int64_t n, int64_t row_len,
                   int32_t workers, std::vector<float>& dest) {
-    const ggml_type type = gguf_get_tensor_type(src.gguf, index);
-    const size_t row_bytes = ggml_row_size(type, row_len);
-    const uint8_t* first = src.mapping + src.data_offset + gguf_get_tensor_offset(src.gguf, index) +
-                           size_t(start) * row_bytes;
-    const auto to_float = ggml_get_type_traits(type)->to_float;
     parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
-        for (int64_t r = lo; r < hi; ++r) {
-            to_float(first + size_t(r) * row_bytes, dest.data() + r * row_len, row_len);
-        }
+        decode_source_rows(src, index, start + lo, hi - lo, row_len, dest.data() + lo * row_len);
     });
 }
 
@@ -304,10 +300,10 @@ void time_chunk(const SourceModel* const src[2], const Matrix& m, int64_t start,
     decode_timer.add_to(times.decode);
     const uint64_t seed = tensor_seed(42, m.name);
     const size_t row_bytes = ggml_row_size(GGML_TYPE_Q8_0, m.row_len);
-    for (size_t k = 0; k < kMethodCount; ++k) {
+    for (size_t k = 0; k < kTimedMethods; ++k) {
         MethodSpec spec;
-        spec.method = kMethods[k].method;
-        spec.t = kMethods[k].t;
+        spec.method = kTimedMethodList[k].method;
+        spec.t = kTimedMethodList[k].t;
         const SpanTimer blend_timer;
         parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
             const std::vector<const float*> rows = {buf.floats[0].data() + lo * m.row_len,
@@ -339,11 +335,11 @@ void print_stage_table(const StageTimes (&times)[2]) {
     std::printf("  %-7s %-10s %15s %15s %15s %12s\n", "threads", "method", "decode", "blend",
                 "encode", "b/e wall/cpu");
     for (int w = 0; w < 2; ++w) {
-        for (size_t k = 0; k < kMethodCount; ++k) {
+        for (size_t k = 0; k < kTimedMethods; ++k) {
             const StageTimes& t = times[w];
             std::printf("  %-7d %-10s %6.2f (%6.2f) %6.2f (%6.2f) %6.2f (%6.2f) %5.2f/%5.2f\n",
-                        w + 1, kMethods[k].label, t.decode.wall, t.decode.cpu, t.blend[k].wall,
-                        t.blend[k].cpu, t.encode[k].wall, t.encode[k].cpu,
+                        w + 1, kTimedMethodList[k].label, t.decode.wall, t.decode.cpu,
+                        t.blend[k].wall, t.blend[k].cpu, t.encode[k].wall, t.encode[k].cpu,
                         t.blend[k].wall / t.encode[k].wall, t.blend[k].cpu / t.encode[k].cpu);
         }
     }
@@ -351,7 +347,7 @@ void print_stage_table(const StageTimes (&times)[2]) {
         for (size_t k = 0; k < 2; ++k) {  // ties and dare
             const double ratio = times[w].blend[k].cpu / times[w].encode[k].cpu;
             std::printf("  target %-9s blend <= encode, %d thread(s), by cpu time: %s (%.2f x)\n",
-                        kMethods[k].label, w + 1, ratio <= 1.0 ? "met" : "MISSED", ratio);
+                        kTimedMethodList[k].label, w + 1, ratio <= 1.0 ? "met" : "MISSED", ratio);
         }
     }
 }
@@ -375,15 +371,14 @@ void run_stage_split(const std::string& path_a, const std::string& path_b) {
         matrices.size(), double(params) / 1e9, static_cast<long long>(kChunkElements));
     StageTimes times[2];
     for (const Matrix& m : matrices) {
-        const int64_t chunk_rows =
-            std::max<int64_t>(std::min(kChunkElements / m.row_len, m.rows), 1);
+        const int64_t rows_per_chunk = chunk_rows(m.row_len, m.rows);
         for (auto& f : buf.floats) {
-            f.resize(size_t(chunk_rows * m.row_len));
+            f.resize(size_t(rows_per_chunk * m.row_len));
         }
-        buf.blended.resize(size_t(chunk_rows * m.row_len));
-        buf.encoded.resize(size_t(chunk_rows) * ggml_row_size(GGML_TYPE_Q8_0, m.row_len));
-        for (int64_t start = 0; start < m.rows; start += chunk_rows) {
-            const int64_t n = std::min(chunk_rows, m.rows - start);
+        buf.blended.resize(size_t(rows_per_chunk * m.row_len));
+        buf.encoded.resize(size_t(rows_per_chunk) * ggml_row_size(GGML_TYPE_Q8_0, m.row_len));
+        for (int64_t start = 0; start < m.rows; start += rows_per_chunk) {
+            const int64_t n = std::min(rows_per_chunk, m.rows - start);
             for (int32_t w = 1; w <= 2; ++w) {  // interleaved, so both see the same machine load
                 time_chunk(src, m, start, n, std::min<int32_t>(w, int32_t(n)), buf, times[w - 1]);
             }

@@ -1,10 +1,25 @@
 #include "blend/blend.h"
 
-#include <algorithm>
+#include <cassert>
+#include <iterator>
 
 #include "blend/methods.h"
+#include "recipe/method_table.h"
 
 namespace tevrin {
+namespace {
+
+using Kernel = void (*)(const BlendCall&);
+
+// In enum order, like the method table.
+constexpr Kernel kKernels[] = {
+    blend_linear, blend_slerp,       blend_ties,  blend_dare,   blend_pick,     blend_chaos,
+    blend_task,   blend_breadcrumbs, blend_della, blend_median, blend_nearswap,
+};
+static_assert(std::size(kKernels) == size_t(kMethodCount),
+              "one kernel per BlendMethod, in enum order");
+
+}  // namespace
 
 std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count, float fill) {
     std::vector<float> fitted(static_cast<size_t>(count > 0 ? count : 0), fill);
@@ -14,39 +29,20 @@ std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count,
     return fitted;
 }
 
+std::vector<float> method_weights(const MethodSpec& spec, size_t count) {
+    const float fill = spec.weights.empty() ? 1.0f : method_info(spec.method).weight_fill;
+    return fit_weights(spec.weights, static_cast<int64_t>(count), fill);
+}
+
 void blend_rows(const MethodSpec& spec, uint64_t seed, int64_t first_row,
                 const std::vector<const float*>& sources, float* out, int64_t rows,
                 int64_t row_len) {
     if (rows <= 0 || row_len <= 0 || sources.empty()) {
         return;
     }
-    const BlendCall call{spec, seed, first_row, sources, out, rows, row_len};
-    switch (spec.method) {
-        case BlendMethod::linear:
-            return blend_linear(call);
-        case BlendMethod::slerp:
-            return blend_slerp(call);
-        case BlendMethod::ties:
-            return blend_ties(call);
-        case BlendMethod::dare:
-            return blend_dare(call);
-        case BlendMethod::pick:
-            return blend_pick(call);
-        case BlendMethod::chaos:
-            return blend_chaos(call);
-        case BlendMethod::task:
-            return blend_task(call);
-        case BlendMethod::breadcrumbs:
-            return blend_breadcrumbs(call);
-        case BlendMethod::della:
-            return blend_della(call);
-        case BlendMethod::median:
-            return blend_median(call);
-        case BlendMethod::nearswap:
-            return blend_nearswap(call);
-    }
-    // A method number outside the enum cannot come from the parser; take the base.
-    std::copy(sources[0], sources[0] + rows * row_len, out);
+    const auto index = static_cast<size_t>(spec.method);
+    assert(index < std::size(kKernels) && "method outside the table");
+    kKernels[index](BlendCall{spec, seed, first_row, sources, out, rows, row_len});
 }
 
 }  // namespace tevrin

@@ -7,6 +7,9 @@
 // memory and random state are local to the call, so calls may run concurrently.
 // Arithmetic is IEEE single precision rounded at each step (double only where a
 // method needs it), with no fused multiply-add.
+//
+// Threads: blend_rows keeps no state between calls; calls on disjoint outputs may
+// run concurrently.
 #pragma once
 
 #include <cstdint>
@@ -22,5 +25,9 @@ void blend_rows(const MethodSpec& spec, uint64_t seed, int64_t first_row,
 
 // Exactly `count` weights: weights[k] where given, `fill` beyond the list.
 std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count, float fill);
+
+// The spec's weights fitted to `count` sources: all 1 for an empty list, else the
+// list filled with the method's weight fill.
+std::vector<float> method_weights(const MethodSpec& spec, size_t count);
 
 }  // namespace tevrin

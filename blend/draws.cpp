@@ -6,13 +6,6 @@
 
 namespace tevrin {
 
-uint64_t mix64(uint64_t x) {
-    uint64_t z = x + 0x9e3779b97f4a7c15ull;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-    return z ^ (z >> 31);
-}
-
 uint64_t tensor_seed(uint64_t recipe_seed, const std::string& name) {
     // Spelled out rather than std::hash so that the seed stays tied to this exact
     // byte hash even if the library's string hash ever changes.
@@ -29,7 +22,7 @@ uint64_t della_engine_seed(uint64_t tensor_seed, int64_t row) {
 }
 
 uint64_t chaos_engine_seed(uint64_t tensor_seed, int64_t row) {
-    return mix64(tensor_seed * 31u + static_cast<uint64_t>(row / 32));
+    return mix64(tensor_seed * 31u + static_cast<uint64_t>(row / kChaosBlockRows));
 }
 
 float unit_float(uint64_t bits) {

@@ -7,15 +7,16 @@
 #include <string>
 
 #include "blend/row_engine.h"
+#include "recipe/mix64.h"
 
 namespace tevrin {
-
-// The SplitMix64 step; every seed derivation goes through it.
-uint64_t mix64(uint64_t x);
 
 // Seed of one output tensor: mix64(recipe_seed ^ mix64(hash of name)), the hash
 // being the standard library's string hash (_Hash_bytes, seed 0xc70f6907).
 uint64_t tensor_seed(uint64_t recipe_seed, const std::string& name);
+
+// Chaos draws one set of weights per block of this many rows.
+inline constexpr int64_t kChaosBlockRows = 32;
 
 uint64_t dare_engine_seed(uint64_t tensor_seed, int64_t row);
 uint64_t della_engine_seed(uint64_t tensor_seed, int64_t row);

@@ -5,11 +5,10 @@
 #include "blend/blend.h"
 #include "blend/draws.h"
 #include "blend/methods.h"
+#include "recipe/method_table.h"
 
 namespace tevrin {
 namespace {
-
-constexpr int64_t chaos_block_rows = 32;
 
 // out := sum over k of sources[k] * w[k], from 0.0 and in source order. The loop
 // runs source by source over the flat range; each element still sees the same
@@ -137,8 +136,7 @@ std::vector<float> chaos_weights(uint64_t seed, int64_t row, float alpha, size_t
 
 void blend_linear(const BlendCall& call) {
     const size_t n = call.sources.size();
-    std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n),
-                                       call.spec.weights.empty() ? 1.0f : 0.0f);
+    std::vector<float> w = method_weights(call.spec, n);
     double sum = 0.0;
     for (float wk : w) {
         sum += static_cast<double>(wk);
@@ -198,9 +196,7 @@ void blend_median(const BlendCall& call) {
 void blend_nearswap(const BlendCall& call) {
     const float* a = call.sources[0];
     const float* b = second_source(call);
-    const float limit = 1e-9f;
-    // Written so that a NaN t takes the limit too.
-    const float tau = !(call.spec.t >= limit) ? limit : call.spec.t;
+    const float tau = method_t(call.spec);
     const int64_t count = call.rows * call.row_len;
     for (int64_t i = 0; i < count; ++i) {
         const float d = std::fabs(b[i] - a[i]);
@@ -213,8 +209,7 @@ void blend_nearswap(const BlendCall& call) {
 }
 
 void blend_chaos(const BlendCall& call) {
-    // Not std::clamp: a NaN t (a recipe may say "nan") takes the lower end.
-    const float c = !(call.spec.t >= 0.01f) ? 0.01f : call.spec.t > 1.0f ? 1.0f : call.spec.t;
+    const float c = method_t(call.spec);
     const float alpha = (1.0f - c) * 8.0f + 0.3f;
     const size_t n = call.sources.size();
     std::vector<const float*> block_sources(n);
@@ -223,7 +218,7 @@ void blend_chaos(const BlendCall& call) {
         // Rows up to the end of this row's block share one set of weights, made
         // from the block's number alone.
         const int64_t row = call.first_row + r;
-        const int64_t block_end = (row / chaos_block_rows + 1) * chaos_block_rows;
+        const int64_t block_end = (row / kChaosBlockRows + 1) * kChaosBlockRows;
         const int64_t span = std::min(block_end - row, call.rows - r);
         const std::vector<float> w = chaos_weights(call.seed, row, alpha, n);
         const int64_t at = r * call.row_len;

@@ -1,5 +1,7 @@
 // The methods behind blend_rows, one function each. All take the call's arguments
 // as they came in; rows >= 1 and row_len >= 1 are guaranteed by blend_rows.
+//
+// Threads: like blend_rows, each kernel touches only its call's output and locals.
 #pragma once
 
 #include <cstdint>

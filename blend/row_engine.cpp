@@ -78,10 +78,4 @@ void RowEngine::refill() {
     index = 0;
 }
 
-void RowEngine::discard(uint64_t count) {
-    for (; count > 0; --count) {
-        (*this)();
-    }
-}
-
 }  // namespace tevrin

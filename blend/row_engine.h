@@ -6,6 +6,8 @@
 // a branch that random state mispredicts half of the time; this twist selects with
 // a mask, and tempers a whole state at once in a loop the compiler vectorises;
 // dare and della run several times faster, with identical outputs.
+//
+// Threads: an engine is owned by one call on one thread.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +27,6 @@ struct RowEngine {
         }
         return tempered[index++];
     }
-    void discard(uint64_t count);
     void refill();  // regenerates the state and tempers all of its outputs
 };
 

@@ -6,6 +6,7 @@
 #include "blend/blend.h"
 #include "blend/draws.h"
 #include "blend/methods.h"
+#include "recipe/method_table.h"
 
 // Trimming compares magnitudes as the bit patterns of |delta| (sign bit cleared).
 // For non-negative floats that order is the numeric order, and it is a total order
@@ -21,23 +22,32 @@ uint32_t magnitude_bits(float delta) {
     return std::bit_cast<uint32_t>(delta) & 0x7fffffffu;
 }
 
-// Unlike std::clamp, takes `lo` for a NaN t (a recipe may say "nan").
-float clamp_t(float t, float lo, float hi) {
-    return !(t >= lo) ? lo : t > hi ? hi : t;
-}
-
 int64_t keep_count(int64_t row_len, float density) {
     const float kept = std::floor(static_cast<float>(row_len) * density);
     return std::max<int64_t>(1, static_cast<int64_t>(kept));
 }
 
-// w[1] + ... + w[n - 1], with 1.0 standing in for a sum that isn't positive.
-float donor_weight_sum(const std::vector<float>& w) {
+// Each donor's weight over the sum of the donors' weights (1.0 standing in for a
+// sum that isn't positive); entry 0, the base, is unused.
+std::vector<float> donor_shares(const BlendCall& call) {
+    std::vector<float> w = method_weights(call.spec, call.sources.size());
     float sum = 0.0f;
     for (size_t k = 1; k < w.size(); ++k) {
         sum = sum + w[k];
     }
-    return sum > 0.0f ? sum : 1.0f;
+    sum = sum > 0.0f ? sum : 1.0f;
+    for (size_t k = 1; k < w.size(); ++k) {
+        w[k] = w[k] / sum;
+    }
+    return w;
+}
+
+// Starts row `at` of the output as a copy of the base's row, which the donors'
+// kept differences are then added onto; returns the base's row.
+const float* start_from_base(const BlendCall& call, int64_t at) {
+    const float* base = call.sources[0] + at;
+    std::copy(base, base + call.row_len, call.out + at);
+    return base;
 }
 
 void compute_delta(const float* donor, const float* base, float* delta, int64_t len) {
@@ -270,7 +280,7 @@ void rank_by_magnitude(const float* delta, RankScratch& s) {
 
 void blend_task(const BlendCall& call) {
     const size_t n = call.sources.size();
-    const std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n), 1.0f);
+    const std::vector<float> w = method_weights(call.spec, n);
     const float* base = call.sources[0];
     const float factor = call.spec.t;
     const int64_t count = call.rows * call.row_len;
@@ -291,8 +301,8 @@ void blend_task(const BlendCall& call) {
 void blend_ties(const BlendCall& call) {
     const size_t n = call.sources.size();
     const int64_t len = call.row_len;
-    const std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n), 1.0f);
-    const int64_t keep = keep_count(len, clamp_t(call.spec.t, 0.01f, 1.0f));
+    const std::vector<float> w = method_weights(call.spec, n);
+    const int64_t keep = keep_count(len, method_t(call.spec));
     // Every donor's trimmed row must be ready before the election.
     std::vector<float> deltas((n - 1) * static_cast<size_t>(len));
     std::vector<uint32_t> scratch(static_cast<size_t>(len));
@@ -312,21 +322,19 @@ void blend_ties(const BlendCall& call) {
 void blend_dare(const BlendCall& call) {
     const size_t n = call.sources.size();
     const int64_t len = call.row_len;
-    const float drop_rate = clamp_t(call.spec.t, 0.0f, 0.99f);
+    const float drop_rate = method_t(call.spec);
     const float rescale = 1.0f / (1.0f - drop_rate);
-    const std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n), 1.0f);
-    const float weight_sum = donor_weight_sum(w);
+    const std::vector<float> shares = donor_shares(call);
     const uint32_t keep_from = draw_threshold(drop_rate);
     std::vector<float> draws(static_cast<size_t>(len));
     for (int64_t r = 0; r < call.rows; ++r) {
         RowEngine engine(dare_engine_seed(call.seed, call.first_row + r));
         const int64_t at = r * len;
-        const float* base = call.sources[0] + at;
+        const float* base = start_from_base(call, at);
         float* out = call.out + at;
-        std::copy(base, base + len, out);
         for (size_t k = 1; k < n; ++k) {
             const float* donor = call.sources[k] + at;
-            const float f = (w[k] / weight_sum) * rescale;
+            const float f = shares[k] * rescale;
             // One draw per element, kept or not, so every row takes the same draws.
             // Kept values are computed either way: a select beats a branch on a coin
             // toss.
@@ -343,21 +351,19 @@ void blend_dare(const BlendCall& call) {
 void blend_breadcrumbs(const BlendCall& call) {
     const size_t n = call.sources.size();
     const int64_t len = call.row_len;
-    const int64_t keep = keep_count(len, clamp_t(call.spec.t, 0.01f, 1.0f));
+    const int64_t keep = keep_count(len, method_t(call.spec));
     const int64_t top = static_cast<int64_t>(std::floor(static_cast<double>(len) * 0.01));
     const int64_t upper = len - top;
     const int64_t lower = std::max<int64_t>(0, upper - keep);
-    const std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n), 1.0f);
-    const float weight_sum = donor_weight_sum(w);
+    const std::vector<float> shares = donor_shares(call);
     std::vector<float> delta(static_cast<size_t>(len));
     std::vector<uint32_t> scratch(static_cast<size_t>(len));
     for (int64_t r = 0; r < call.rows; ++r) {
         const int64_t at = r * len;
-        const float* base = call.sources[0] + at;
+        const float* base = start_from_base(call, at);
         float* out = call.out + at;
-        std::copy(base, base + len, out);
         for (size_t k = 1; k < n; ++k) {
-            const float share = w[k] / weight_sum;
+            const float share = shares[k];
             compute_delta(call.sources[k] + at, base, delta.data(), len);
             uint32_t high = infinity_bits;
             if (top > 0) {
@@ -376,10 +382,9 @@ void blend_breadcrumbs(const BlendCall& call) {
 void blend_della(const BlendCall& call) {
     const size_t n = call.sources.size();
     const int64_t len = call.row_len;
-    const float drop_rate = clamp_t(call.spec.t, 0.0f, 0.95f);
+    const float drop_rate = method_t(call.spec);
     const float spread = std::min({drop_rate, 0.95f - drop_rate, 0.15f});
-    const std::vector<float> w = fit_weights(call.spec.weights, static_cast<int64_t>(n), 1.0f);
-    const float weight_sum = donor_weight_sum(w);
+    const std::vector<float> shares = donor_shares(call);
     const std::vector<RankDrop> by_rank = della_rank_drops(len, drop_rate, spread);
     std::vector<float> delta(static_cast<size_t>(len));
     std::vector<float> draws(static_cast<size_t>(len));
@@ -387,11 +392,10 @@ void blend_della(const BlendCall& call) {
     for (int64_t r = 0; r < call.rows; ++r) {
         RowEngine engine(della_engine_seed(call.seed, call.first_row + r));
         const int64_t at = r * len;
-        const float* base = call.sources[0] + at;
+        const float* base = start_from_base(call, at);
         float* out = call.out + at;
-        std::copy(base, base + len, out);
         for (size_t k = 1; k < n; ++k) {
-            const float share = w[k] / weight_sum;
+            const float share = shares[k];
             compute_delta(call.sources[k] + at, base, delta.data(), len);
             rank_by_magnitude(delta.data(), ranks);
             uniform_draws(engine, draws.data(), len);

@@ -3,6 +3,8 @@
 //
 // Usage failures print the usage line to stderr and give status 1; a failed
 // fusion gives 2; everything else 0. The recipe text is never parsed here.
+//
+// Threads: runs on the main thread; the fusion it starts makes its own workers.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,7 @@
 // The progress line on stderr: "\r%3d%% %-60s", rewritten only when the run
 // crosses a 5 % step, so a log file gets about twenty lines per run.
+//
+// Threads: called on the fusion's calling thread only.
 #pragma once
 
 #include <cstdint>

@@ -7,11 +7,11 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 
 #include "fuse/output_metadata.h"
-#include "fuse/stack_plan.h"
-#include "fuse/tensor_plan.h"
+#include "fuse/output_stream.h"
+#include "fuse/parallel_rows.h"
+#include "fuse/plan_run.h"
 #include "fuse/write_tensor.h"
 #include "model/gguf_handle.h"
 #include "recipe/parse_recipe.h"
@@ -19,46 +19,6 @@
 namespace tevrin {
 
 namespace {
-
-constexpr size_t kStreamBuffer = 8388608;
-
-// The output file of a run. Clean-up after a failure removes only a regular file
-// that this run created or truncated, and only while the path still names that
-// very file: `-o /dev/null`, a FIFO or a device is written to but never removed.
-struct OutputFile {
-    FILE* stream = nullptr;
-    bool removable = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
-};
-
-void open_output(OutputFile& out, const std::string& path) {
-    out.stream = std::fopen(path.c_str(), "wb");
-    if (out.stream == nullptr) {
-        throw std::runtime_error("cannot write " + path);
-    }
-    struct stat st = {};
-    if (fstat(fileno(out.stream), &st) == 0 && S_ISREG(st.st_mode)) {
-        out.removable = true;
-        out.dev = st.st_dev;
-        out.ino = st.st_ino;
-    }
-    // One buffer per calling thread, kept for the thread's life.
-    thread_local std::vector<char> buffer(kStreamBuffer);
-    std::setvbuf(out.stream, buffer.data(), _IOFBF, buffer.size());
-}
-
-void discard_output(OutputFile& out, const std::string& path) {
-    if (out.stream != nullptr) {
-        std::fclose(out.stream);
-        out.stream = nullptr;
-    }
-    struct stat st = {};
-    if (out.removable && lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        st.st_dev == out.dev && st.st_ino == out.ino) {
-        std::remove(path.c_str());
-    }
-}
 
 // Opening the output truncates it; were it one of the sources (under any
 // spelling, or a hard link), the run would read through an emptied mapping.
@@ -76,40 +36,10 @@ void refuse_output_over_source(const std::string& path, const SourceList& source
     }
 }
 
-void emit(const ProgressFn& progress, float fraction, const std::string& label) {
-    if (progress) {
-        progress(FuseProgress{fraction, label});
-    }
-}
-
 void open_sources(const std::vector<std::string>& paths, SourceList& sources) {
     for (const auto& path : paths) {
         sources.push_back(std::make_unique<SourceModel>());
         sources.back()->open(path);
-    }
-}
-
-void add_source_notes(const SourceList& sources, const Recipe& recipe,
-                      std::vector<std::string>& notes) {
-    const SourceModel& base = *sources[0];
-    for (size_t s = 1; s < sources.size(); ++s) {
-        const SourceModel& donor = *sources[s];
-        if (donor.arch != base.arch) {
-            notes.push_back("mixed families (" + base.arch + " + " + donor.arch +
-                            "): mismatched tensors keep the base");
-        } else if (recipe.stack.empty() && donor.n_layer != base.n_layer) {
-            notes.push_back("depth-aligned " + std::to_string(donor.n_layer) + " layers onto " +
-                            std::to_string(base.n_layer));
-        }
-    }
-}
-
-void plan_unstacked(PlanContext& ctx) {
-    const SourceModel& base = *ctx.sources[0];
-    const int64_t n = gguf_get_n_tensors(base.gguf);
-    for (int64_t i = 0; i < n; ++i) {
-        const std::string name = gguf_get_tensor_name(base.gguf, i);
-        add_tensor_plan(ctx, name, base, i, name, block_layer(name), -1);
     }
 }
 
@@ -150,12 +80,15 @@ uint64_t source_bytes(const SourceList& sources, const TensorPlan& plan) {
     return total;
 }
 
-void write_metadata_block(gguf_context* out, FILE* stream, uint64_t& written) {
-    const size_t size = gguf_get_meta_size(out);
-    std::vector<uint8_t> meta(size);
+void write_metadata_block(gguf_context* out, OutputStream& stream) {
+    std::vector<uint8_t> meta(gguf_get_meta_size(out));
     gguf_get_meta_data(out, meta.data());
-    std::fwrite(meta.data(), 1, size, stream);
-    written = size;
+    write_bytes(stream, meta.data(), meta.size());
+}
+
+// Zeros from the end of a tensor of `size` bytes to the next multiple of `alignment`.
+void write_alignment_fill(OutputStream& stream, uint64_t size, uint64_t alignment) {
+    write_zeros(stream, (size + alignment - 1) / alignment * alignment - size);
 }
 
 std::string join_notes(std::vector<std::string> notes) {
@@ -168,22 +101,20 @@ std::string join_notes(std::vector<std::string> notes) {
     return joined;
 }
 
-int resolve_threads(int threads) {
-    if (threads > 0) {
-        return threads;
-    }
-    const unsigned hw = std::thread::hardware_concurrency();
-    return hw == 0 ? 1 : int(hw);
-}
-
 }  // namespace
+
+void emit_progress(const ProgressFn& progress, float fraction, const std::string& label) {
+    if (progress) {
+        progress(FuseProgress{fraction, label});
+    }
+}
 
 FuseResult fuse(const std::vector<std::string>& source_paths, const std::string& recipe_text,
                 const std::string& output_path, int threads, const std::atomic<bool>* cancel,
                 const ProgressFn& progress) {
     const auto start = std::chrono::steady_clock::now();
     FuseResult result;
-    OutputFile output;
+    OutputStream output;
     GgufHandle out_gguf;
     GgmlHandle out_ggml;
     auto finish = [&] {
@@ -203,27 +134,16 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
             throw std::runtime_error("at most 8 source models");
         }
         const int workers = resolve_threads(threads);
-        emit(progress, 0.0f, "Uncorking sources");
+        emit_progress(progress, 0.0f, "Uncorking sources");
 
         SourceList sources;
         open_sources(source_paths, sources);
         const Recipe recipe = parse_recipe(recipe_text, int32_t(sources.size()));
 
-        std::vector<std::string> notes;
-        add_source_notes(sources, recipe, notes);
-        check_stack_ranges(recipe, sources);
+        RunPlan run = plan_run(recipe, sources);
+        std::vector<TensorPlan>& plans = run.plans;
 
-        const bool stacked = !recipe.stack.empty();
-        const int32_t output_layers = stacked ? int32_t(recipe.stack.size()) : sources[0]->n_layer;
-        std::vector<TensorPlan> plans;
-        PlanContext plan_ctx{recipe, output_layers, sources, plans};
-        if (stacked) {
-            plan_stack(plan_ctx);
-        } else {
-            plan_unstacked(plan_ctx);
-        }
-
-        out_gguf = make_output_metadata(sources, recipe, recipe_text, notes);
+        out_gguf = make_output_metadata(sources, recipe, recipe_text, run.notes);
         out_ggml = add_tensor_records(out_gguf.get(), plans);
         uint64_t total_source_bytes = 0;
         for (const auto& plan : plans) {
@@ -234,56 +154,43 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
 
         refuse_output_over_source(output_path, sources);
         open_output(output, output_path);
-        uint64_t written = 0;
-        write_metadata_block(out_gguf.get(), output.stream, written);
+        write_metadata_block(out_gguf.get(), output);
 
-        uint64_t done = 0;
+        const uint64_t alignment = gguf_get_alignment(out_gguf.get());
         RowBuffers buffers;
-        WriteContext write_ctx{sources,
-                               recipe.seed,
-                               workers,
-                               cancel,
-                               progress,
-                               output.stream,
-                               gguf_get_alignment(out_gguf.get()),
-                               buffers,
-                               written,
-                               done,
-                               total_source_bytes};
+        const WriteContext write_ctx{sources,  recipe.seed,        workers, cancel,
+                                     progress, total_source_bytes, output,  buffers};
+        uint64_t read = 0;
         for (const auto& plan : plans) {
             if (cancel != nullptr && cancel->load()) {
                 throw std::runtime_error("cancelled");
             }
-            write_tensor(write_ctx, plan);
-            emit(progress, progress_fraction(done, total_source_bytes, 1.0f),
-                 "Blending " + plan.name);
+            const uint64_t before = output.written;
+            read += write_tensor(write_ctx, plan, read);
+            write_alignment_fill(output, output.written - before, alignment);
+            emit_progress(progress, progress_fraction(read, total_source_bytes, 1.0f),
+                          "Blending " + plan.name);
             ++result.tensors;
         }
-
-        const bool flushed = std::fflush(output.stream) == 0 && !std::ferror(output.stream);
-        const bool closed = std::fclose(output.stream) == 0;
-        output.stream = nullptr;
-        if (!flushed || !closed) {
-            throw std::runtime_error("write error (disk full?)");
-        }
+        finish_output(output);
         // An exception from this last event still fails the run, and the finished
         // file is removed with it: a failed run never leaves a file it made.
-        emit(progress, 1.0f, "Corked");
+        emit_progress(progress, 1.0f, "Corked");
 
         result.ok = true;
         result.output_path = output_path;
-        result.bytes = written;
-        result.layers = output_layers;
-        result.message = notes.empty() ? "ok" : join_notes(notes);
+        result.bytes = output.written;
+        result.layers = run.output_layers;
+        result.message = run.notes.empty() ? "ok" : join_notes(run.notes);
     } catch (const std::exception& e) {
         result.ok = false;
         result.message = e.what();
         result.output_path.clear();
         result.bytes = 0;
         result.layers = 0;
-        discard_output(output, output_path);
+        discard_output(output);
     } catch (...) {
-        discard_output(output, output_path);
+        discard_output(output);
         finish();
         throw;
     }

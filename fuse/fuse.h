@@ -34,6 +34,9 @@ struct FuseResult {
 
 using ProgressFn = std::function<void(const FuseProgress&)>;
 
+// Calls `progress` with the event when it is set.
+void emit_progress(const ProgressFn& progress, float fraction, const std::string& label);
+
 // `threads` of 0 or less uses the hardware concurrency. `cancel` may be null; a
 // true value stops the run at the next tensor or chunk boundary with "cancelled".
 // `progress` may be empty; it is always called on the calling thread.

@@ -25,23 +25,6 @@ void check_per_layer_metadata(const SourceModel& base) {
     }
 }
 
-void plan_shared_tensors(PlanContext& ctx) {
-    const SourceModel& base = *ctx.sources[0];
-    const int64_t n = gguf_get_n_tensors(base.gguf);
-    for (int64_t i = 0; i < n; ++i) {
-        const std::string name = gguf_get_tensor_name(base.gguf, i);
-        if (block_layer(name) < 0) {
-            add_tensor_plan(ctx, name, base, i, name, -1, -1);
-        }
-    }
-}
-
-bool same_shape(const SourceModel& a, int64_t ta, const SourceModel& b, int64_t tb) {
-    const int64_t* x = gguf_get_tensor_ne(a.gguf, ta);
-    const int64_t* y = gguf_get_tensor_ne(b.gguf, tb);
-    return x[0] == y[0] && x[1] == y[1] && x[2] == y[2] && x[3] == y[3];
-}
-
 // Output layer `out_layer` gets the tensors of the base's template layer, by
 // suffix and in the base's order, each from `slice`'s layer, or the base's own
 // tensor where that layer lacks it or holds it in another shape.
@@ -61,7 +44,8 @@ void plan_output_layer(PlanContext& ctx, int32_t out_layer, const StackSlice& sl
         const std::string out_name = "blk." + std::to_string(out_layer) + "." + suffix;
         const std::string source_name = "blk." + std::to_string(slice.layer) + "." + suffix;
         const auto found = source.tensor_index.find(source_name);
-        if (found != source.tensor_index.end() && same_shape(source, found->second, base, t)) {
+        if (found != source.tensor_index.end() &&
+            tensor_shape(source, found->second) == tensor_shape(base, t)) {
             add_tensor_plan(ctx, out_name, source, found->second, template_name, out_layer,
                             slice.source);
         } else {
@@ -88,7 +72,7 @@ void check_stack_ranges(const Recipe& recipe, const SourceList& sources) {
 
 void plan_stack(PlanContext& ctx) {
     check_per_layer_metadata(*ctx.sources[0]);
-    plan_shared_tensors(ctx);
+    plan_base_tensors(ctx, false);
     for (size_t i = 0; i < ctx.recipe.stack.size(); ++i) {
         plan_output_layer(ctx, int32_t(i), ctx.recipe.stack[i]);
     }

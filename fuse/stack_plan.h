@@ -3,6 +3,8 @@
 // Shared tensors (outside the blocks) come first, planned by the recipe's rules;
 // then each output layer takes the tensors of its template layer of the base, by
 // suffix, from the slice's source, or falls back to the base's tensor.
+//
+// Threads: driver thread only, like the rest of planning.
 #pragma once
 
 #include "fuse/tensor_plan.h"

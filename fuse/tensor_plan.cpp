@@ -80,11 +80,6 @@ std::string source_key(const std::string& lookup_name, int32_t layer, int32_t ba
            block_suffix(lookup_name);
 }
 
-bool same_shape(const SourceModel& source, int64_t tensor, const std::array<int64_t, 4>& ne) {
-    const int64_t* other = gguf_get_tensor_ne(source.gguf, tensor);
-    return other[0] == ne[0] && other[1] == ne[1] && other[2] == ne[2] && other[3] == ne[3];
-}
-
 int32_t clamp_to_int32(long value) {
     if (value > INT32_MAX) {
         return INT32_MAX;
@@ -99,8 +94,7 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
                      int32_t only_source) {
     TensorPlan plan;
     plan.name = name;
-    const int64_t* ne = gguf_get_tensor_ne(model.gguf, tensor);
-    plan.ne = {ne[0], ne[1], ne[2], ne[3]};
+    plan.ne = tensor_shape(model, tensor);
     plan.n_dims = dims_in_use(plan.ne);
     plan.out_type = choose_out_type(ctx.recipe.out, plan.n_dims, plan.ne[0],
                                     gguf_get_tensor_type(model.gguf, tensor));
@@ -118,13 +112,25 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
         const SourceModel& source = *ctx.sources[s];
         const auto found =
             source.tensor_index.find(source_key(lookup_name, layer, base_layers, source.n_layer));
-        if (found != source.tensor_index.end() && same_shape(source, found->second, plan.ne)) {
+        if (found != source.tensor_index.end() && tensor_shape(source, found->second) == plan.ne) {
             plan.source_tensors[s] = found->second;
         } else if (s != 0) {
             plan.fallback = true;
         }
     }
     ctx.plans.push_back(std::move(plan));
+}
+
+void plan_base_tensors(PlanContext& ctx, bool with_blocks) {
+    const SourceModel& base = *ctx.sources[0];
+    const int64_t n = gguf_get_n_tensors(base.gguf);
+    for (int64_t i = 0; i < n; ++i) {
+        const std::string name = gguf_get_tensor_name(base.gguf, i);
+        const int32_t layer = block_layer(name);
+        if (with_blocks || layer < 0) {
+            add_tensor_plan(ctx, name, base, i, name, layer, -1);
+        }
+    }
 }
 
 // Backtracking over the most recent '*' only: a later '*' can absorb anything an

@@ -1,6 +1,9 @@
 // The decision for every output tensor, made before the first byte is written:
 // name, shape, output type, which tensor of which source feeds it, and which
 // method applies with its schedule evaluated for the tensor's layer.
+//
+// Threads: planning runs on the driver's thread; plans are read-only afterwards
+// and may be read from any thread.
 #pragma once
 
 #include <array>
@@ -43,6 +46,10 @@ struct PlanContext {
 void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceModel& model,
                      int64_t tensor, const std::string& lookup_name, int32_t layer,
                      int32_t only_source);
+
+// Appends the plans of the base's tensors in the base's order: all of them, or
+// with `with_blocks` false only those outside the blocks.
+void plan_base_tensors(PlanContext& ctx, bool with_blocks);
 
 // Whole-text glob with '*' and '?', case-sensitive, no classes and no escapes.
 bool glob_match(const std::string& pattern, const std::string& text);

@@ -1,22 +1,31 @@
-// The row pipeline: brings one plan's bytes and alignment fill into the output.
+// The row pipeline: brings one plan's bytes into the output stream.
 //
-// A tensor with one active source in the output type is copied byte for byte.
-// Any other is cut into chunks of at most 4194304 elements; per chunk each source
-// is decoded to floats on all threads, then rows are blended and encoded on the
-// same threads, and the encoded chunk is written by the calling thread. Output
-// bytes depend only on the sources, the plan, the seed and each row's number.
+// A tensor that one source gives in the output type is copied byte for byte.
+// Any other is cut into chunks of at most kChunkElements elements (one row if a
+// row is longer); per chunk each active source is decoded to floats on all
+// threads, then rows are blended and encoded on the same threads, and the encoded
+// chunk is written by the calling thread. Output bytes depend only on the
+// sources, the plan, the seed and each row's number.
+//
+// Called on the driver's thread only; workers touch disjoint row ranges of the
+// buffers between parallel_rows calls.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <functional>
 #include <vector>
 
 #include "fuse/fuse.h"
+#include "fuse/output_stream.h"
 #include "fuse/tensor_plan.h"
 
 namespace tevrin {
+
+// Elements per row buffer of a chunk.
+inline constexpr int64_t kChunkElements = 4194304;
+
+// Rows per chunk of a tensor: as many as fit kChunkElements, at least one.
+int64_t chunk_rows(int64_t row_len, int64_t rows);
 
 // Scratch of the pipeline; lives for a whole run so memory is kept between tensors.
 struct RowBuffers {
@@ -28,29 +37,20 @@ struct RowBuffers {
 // What write_tensor needs of the run; owned by the driver.
 struct WriteContext {
     const SourceList& sources;
-    uint64_t seed;  // the recipe's seed
-    int threads;    // 1 or more
+    uint64_t seed;    // the recipe's seed
+    int32_t threads;  // 1 or more
     const std::atomic<bool>* cancel;
     const ProgressFn& progress;
-    FILE* out;
-    uint64_t alignment;
+    uint64_t total_source_bytes;  // of the whole run, for progress fractions
+    OutputStream& out;
     RowBuffers& buffers;
-    uint64_t& written_bytes;
-    uint64_t& done_source_bytes;
-    uint64_t total_source_bytes;
 };
 
-// Fails with "base is missing tensor <name>", "cancelled",
-// "cannot dequantize type <type>", "cannot quantize to type <type>", or, for the
-// grid-searched types iq3_xxs, iq3_s, iq2_s and iq1_m, "cannot quantize to type
-// <type>: value out of range" for a NaN or a value beyond 1e9 in magnitude.
-void write_tensor(WriteContext& ctx, const TensorPlan& plan);
-
-// Runs body(lo, hi) over equal contiguous ranges of [0, rows) on up to `workers`
-// new threads and joins them all; with one worker, on the calling thread. A
-// failure on any worker is rethrown on the calling thread after all are joined.
-void parallel_rows(int32_t workers, int64_t rows,
-                   const std::function<void(int64_t, int64_t)>& body);
+// Writes the tensor's bytes (no alignment fill) and returns the source bytes it
+// read; `read_before` is what earlier tensors read, for progress. Fails with
+// "base is missing tensor <name>", "cancelled", "cannot dequantize type <type>",
+// "cannot quantize to type <type>" or what encode_rows fails with.
+uint64_t write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before);
 
 // The fraction behind the progress events: done / total in single precision,
 // or `if_empty` when total is 0.

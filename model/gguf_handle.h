@@ -1,4 +1,6 @@
 // Owning handles for ggml's C objects, and the switch that keeps ggml quiet.
+//
+// Threads: a handle is owned by one thread at a time.
 #pragma once
 
 #include <cstdint>

@@ -3,6 +3,8 @@
 // Never throws for a bad file: anything that does not parse as GGUF gives
 // {"ok":false,"error":"not a valid GGUF file"}. With `with_tensors` the report
 // adds the first 4000 tensors as [name, type, shape].
+//
+// Threads: reads one file; calls on any threads are independent.
 #pragma once
 
 #include <string>

@@ -3,6 +3,8 @@
 // Strings over 600 bytes are cut and get "..."; arrays of at most 8 strings or 16
 // other elements are listed as "[a, b]", longer ones summarised as "[<type> x N]".
 // Never fails: an unknown type gives "?", a missing key the empty text.
+//
+// Threads: pure over a context no one writes; safe on any thread.
 #pragma once
 
 #include <cstdint>

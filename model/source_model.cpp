@@ -93,4 +93,26 @@ void SourceModel::open(const std::string& source_path) {
     }
 }
 
+std::array<int64_t, 4> tensor_shape(const SourceModel& source, int64_t index) {
+    const int64_t* ne = gguf_get_tensor_ne(source.gguf, index);
+    return {ne[0], ne[1], ne[2], ne[3]};
+}
+
+uint64_t tensor_file_offset(const SourceModel& source, int64_t index) {
+    return source.data_offset + gguf_get_tensor_offset(source.gguf, index);
+}
+
+const uint8_t* tensor_data(const SourceModel& source, int64_t index) {
+    return source.mapping + tensor_file_offset(source, index);
+}
+
+void release_pages(const uint8_t* begin, size_t size) {
+    static const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t lo = (reinterpret_cast<uintptr_t>(begin) + page - 1) / page * page;
+    const uintptr_t hi = (reinterpret_cast<uintptr_t>(begin) + size) / page * page;
+    if (hi > lo) {
+        madvise(reinterpret_cast<void*>(lo), hi - lo, MADV_DONTNEED);
+    }
+}
+
 }  // namespace tevrin

@@ -1,35 +1,13 @@
-#include <array>
 #include <optional>
 #include <stdexcept>
 
+#include "recipe/method_table.h"
 #include "recipe/recipe.h"
 
 namespace tevrin {
 namespace {
 
-// What the argument places of each method hold, indexed by BlendMethod.
-// linear takes its weight list in the first place, pick an integer there.
-struct MethodPlaces {
-    bool scalar;           // first place is a scalar read into t
-    float scalar_default;  // t when the scalar is absent
-    bool weights_second;   // second place is a weight list
-};
-
-constexpr std::array<MethodPlaces, 11> kMethods = {{
-    {false, 0.5f, false},   // linear
-    {true, 0.5f, false},    // slerp
-    {true, 0.5f, true},     // ties
-    {true, 0.5f, true},     // dare
-    {false, 0.5f, false},   // pick
-    {true, 0.5f, false},    // chaos
-    {true, 1.0f, true},     // task
-    {true, 0.8f, true},     // breadcrumbs
-    {true, 0.4f, true},     // della
-    {false, 0.5f, false},   // median
-    {true, 0.001f, false},  // nearswap
-}};
-
-std::optional<std::string> token_at(const std::vector<std::string>& tokens, size_t index) {
+std::optional<std::string> optional_token(const std::vector<std::string>& tokens, size_t index) {
     if (index < tokens.size()) {
         return tokens[index];
     }
@@ -89,29 +67,26 @@ MethodSpec parse_method(const std::vector<std::string>& tokens, size_t position,
     MethodSpec spec;
     spec.text = text;
 
-    const std::string& word = tokens[position];
-    size_t index = 0;
-    while (index < kMethods.size() && word != method_word(static_cast<BlendMethod>(index))) {
-        ++index;
+    if (!find_method(tokens[position], spec.method)) {
+        throw std::invalid_argument("unknown method '" + tokens[position] + "' in: " + text);
     }
-    if (index == kMethods.size()) {
-        throw std::invalid_argument("unknown method '" + word + "' in: " + text);
+    const MethodInfo& info = method_info(spec.method);
+    const auto first = optional_token(tokens, position + 1);
+    switch (info.first) {
+        case FirstPlace::none:
+            break;
+        case FirstPlace::scalar:
+            read_scalar_arg(first, info.t_default, spec);
+            break;
+        case FirstPlace::weights:
+            read_list_arg(first, spec);
+            break;
+        case FirstPlace::index:
+            spec.pick = first ? read_int(*first) : 0;
+            break;
     }
-    spec.method = static_cast<BlendMethod>(index);
-    const MethodPlaces& places = kMethods[index];
-
-    if (places.scalar) {
-        read_scalar_arg(token_at(tokens, position + 1), places.scalar_default, spec);
-    }
-    if (places.weights_second) {
-        read_list_arg(token_at(tokens, position + 2), spec);
-    }
-    if (spec.method == BlendMethod::linear) {
-        read_list_arg(token_at(tokens, position + 1), spec);
-    }
-    if (spec.method == BlendMethod::pick) {
-        const auto token = token_at(tokens, position + 1);
-        spec.pick = token ? read_int(*token) : 0;
+    if (info.weights_second) {
+        read_list_arg(optional_token(tokens, position + 2), spec);
     }
     return spec;
 }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "recipe/method_table.h"
+
 namespace tevrin {
 namespace {
 
@@ -34,7 +36,7 @@ std::vector<std::string> split_tokens(const std::string& line) {
 
 // Range-checked token access; the message is the one the standard library's
 // vector::at gives, spelled out so it does not depend on which library is linked.
-const std::string& token_at(const std::vector<std::string>& tokens, size_t index) {
+const std::string& required_token(const std::vector<std::string>& tokens, size_t index) {
     if (index >= tokens.size()) {
         char message[128];
         std::snprintf(message, sizeof message,
@@ -87,16 +89,16 @@ void apply_directive(const std::vector<std::string>& tokens, const std::string& 
     if (word == "name") {
         recipe.name = trim(line.substr(4));
     } else if (word == "out") {
-        recipe.out = parse_out_type(token_at(tokens, 1));
+        recipe.out = parse_out_type(required_token(tokens, 1));
     } else if (word == "seed") {
-        recipe.seed = read_u64(token_at(tokens, 1));
+        recipe.seed = read_u64(required_token(tokens, 1));
     } else if (word == "default") {
         recipe.default_spec = parse_method(tokens, 1, line);
     } else if (word == "layers") {
-        const LayerRange range = read_range(token_at(tokens, 1));
+        const LayerRange range = read_range(required_token(tokens, 1));
         recipe.layer_rules.push_back({range.first, range.last, parse_method(tokens, 2, line)});
     } else if (word == "tensor") {
-        const std::string& pattern = token_at(tokens, 1);
+        const std::string& pattern = required_token(tokens, 1);
         recipe.tensor_rules.push_back({pattern, parse_method(tokens, 2, line)});
     } else if (word == "stack") {
         for (size_t i = 1; i < tokens.size(); ++i) {
@@ -111,8 +113,7 @@ void check_spec(const MethodSpec& spec, int32_t source_count) {
     if (spec.method == BlendMethod::pick && (spec.pick < 0 || spec.pick >= source_count)) {
         throw std::invalid_argument("pick index out of range in: " + spec.text);
     }
-    if ((spec.method == BlendMethod::slerp || spec.method == BlendMethod::nearswap) &&
-        source_count < 2) {
+    if (method_info(spec.method).needs_two_sources && source_count < 2) {
         throw std::invalid_argument("slerp / nearswap need at least 2 sources");
     }
 }

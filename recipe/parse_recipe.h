@@ -7,6 +7,8 @@
 // line number. The first failure ends parsing; no partial Recipe is returned.
 // A stack of more than 65536 layers fails on the line that would pass that length,
 // with "stack too long (at most 65536 layers)", before any entry of it is made.
+//
+// Threads: pure; safe on any thread.
 #pragma once
 
 #include <cstdint>

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "blend/draws.h"
+#include "recipe/mix64.h"
 
 namespace tevrin {
 namespace {

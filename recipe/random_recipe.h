@@ -3,6 +3,8 @@
 // The text is a pure function of the arguments: the same four values give the same
 // bytes on every machine. `layer_count` of 0 or less stands for 16. `out_type` is
 // written behind "out" unchecked.
+//
+// Threads: pure; safe on any thread.
 #pragma once
 
 #include <cstdint>

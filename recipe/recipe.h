@@ -2,6 +2,8 @@
 //
 // Everything here is a plain value: a Recipe is made once per run by parse_recipe
 // and never changed afterwards; a MethodSpec is copied wherever a rule is applied.
+//
+// Threads: plain values; a Recipe is shared read-only across a run's threads.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +26,8 @@ enum class BlendMethod : int32_t {
     nearswap = 10,
 };
 
-// The recipe word of a method ("linear", "slerp", ...).
-const char* method_word(BlendMethod method);
+// The number of methods: the last enumerator + 1, so it moves with the enum.
+inline constexpr int32_t kMethodCount = int32_t(BlendMethod::nearswap) + 1;
 
 // Output tensor type of a run. `type` is a ggml type number and means nothing
 // while `keep` is true (it then holds 43, which must never reach ggml).

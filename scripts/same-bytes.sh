@@ -75,7 +75,7 @@ for entry in "${corpus[@]}"; do
   n=$((n + 1))
 done
 status=0
-failed=$(grep -l '^failed$' "$work"/new-*.gguf 2>/dev/null | wc -l)
+failed=$( (grep -l '^failed$' "$work"/new-*.gguf 2>/dev/null || true) | wc -l)
 for i in $(seq 0 $((n - 1))); do
   if ! cmp -s "$work/old-$i.gguf" "$work/new-$i.gguf"; then
     echo "differs: ${corpus[$i]}"

@@ -268,7 +268,8 @@ void set_metadata(gguf_context* g, const Options& o) {
     }
 }
 
-uint64_t mix64(uint64_t x) {
+// The SplitMix64 finaliser without its increment (the stream adds it itself).
+uint64_t sample_mix(uint64_t x) {
     x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
     x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
     return x ^ (x >> 31);
@@ -284,7 +285,7 @@ struct WeightStream {
         constexpr float kScale = 0.04898979f;        // 0.02 * sqrt(6)
         for (int64_t i = 0; i < n; ++i) {
             state += 0x9e3779b97f4a7c15ull;
-            const uint64_t z = mix64(state);
+            const uint64_t z = sample_mix(state);
             const float u1 = float(z >> 40) * kUnit;
             const float u2 = float(z & 0xffffff) * kUnit;
             out[i] = (u1 + u2 - 1.0f) * kScale;
@@ -335,7 +336,7 @@ constexpr int64_t kChunkElements = int64_t(1) << 20;
 
 void write_tensor_data(OutputFile& out, const SampleTensor& t, uint64_t seed, size_t index,
                        size_t alignment) {
-    WeightStream stream{mix64(seed ^ mix64(index + 1))};
+    WeightStream stream{sample_mix(seed ^ sample_mix(index + 1))};
     const int64_t rows_per_chunk = std::max<int64_t>(1, kChunkElements / t.ne0);
     const size_t row_size = ggml_row_size(t.type, t.ne0);
     std::vector<float> values(size_t(rows_per_chunk * t.ne0));

@@ -10,6 +10,7 @@
 #include <numeric>
 
 #include "blend/draws.h"
+#include "recipe/method_table.h"
 #include "tests/support/gguf_builder.h"
 
 namespace tevrin {

@@ -10,6 +10,7 @@
 #include "blend/draws.h"
 #include "fuse/f16_rows.h"
 #include "fuse/fuse.h"
+#include "fuse/parallel_rows.h"
 #include "fuse/write_tensor.h"
 #include "tests/support/gguf_builder.h"
 

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "recipe/method_table.h"
 #include "recipe/parse_recipe.h"
 
 namespace tevrin {

@@ -1,0 +1,40 @@
+#include "fuse/plan_run.h"
+
+#include "fuse/stack_plan.h"
+
+namespace tevrin {
+namespace {
+
+void add_source_notes(const SourceList& sources, const Recipe& recipe,
+                      std::vector<std::string>& notes) {
+    const SourceModel& base = *sources[0];
+    for (size_t s = 1; s < sources.size(); ++s) {
+        const SourceModel& donor = *sources[s];
+        if (donor.arch != base.arch) {
+            notes.push_back("mixed families (" + base.arch + " + " + donor.arch +
+                            "): mismatched tensors keep the base");
+        } else if (recipe.stack.empty() && donor.n_layer != base.n_layer) {
+            notes.push_back("depth-aligned " + std::to_string(donor.n_layer) + " layers onto " +
+                            std::to_string(base.n_layer));
+        }
+    }
+}
+
+}  // namespace
+
+RunPlan plan_run(const Recipe& recipe, const SourceList& sources) {
+    RunPlan run;
+    add_source_notes(sources, recipe, run.notes);
+    check_stack_ranges(recipe, sources);
+    const bool stacked = !recipe.stack.empty();
+    run.output_layers = stacked ? int32_t(recipe.stack.size()) : sources[0]->n_layer;
+    PlanContext ctx{recipe, run.output_layers, sources, run.plans};
+    if (stacked) {
+        plan_stack(ctx);
+    } else {
+        plan_base_tensors(ctx, true);
+    }
+    return run;
+}
+
+}  // namespace tevrin

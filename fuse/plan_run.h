@@ -1,0 +1,25 @@
+// The plan of a whole run, made before the output is touched: the notes on the
+// sources, the range check of a stack, and one TensorPlan per output tensor in
+// output order.
+//
+// Reads the sources and the recipe only; runs on the driver's thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fuse/tensor_plan.h"
+
+namespace tevrin {
+
+struct RunPlan {
+    int32_t output_layers = 0;  // the base's depth, or the stack's length
+    std::vector<TensorPlan> plans;
+    std::vector<std::string> notes;  // unsorted; the driver sorts and joins them
+};
+
+// Fails like check_stack_ranges and plan_stack for a stacked recipe.
+RunPlan plan_run(const Recipe& recipe, const SourceList& sources);
+
+}  // namespace tevrin
