@@ -4,14 +4,17 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
+#include "cli/help_text.h"
 #include "cli/progress_printer.h"
 #include "fuse/fuse.h"
+#include "fuse/output_stream.h"
 #include "model/gguf_handle.h"
 #include "model/inspect.h"
 #include "recipe/random_recipe.h"
@@ -35,14 +38,10 @@ int usage_failure() {
     return 1;
 }
 
-// The output path of the run under way, for the bus-error handler.
-const char* volatile g_run_output = nullptr;
-
 // A source mapping that shrinks under the run (another process truncates the
 // file) or hits a read error raises SIGBUS at the next access, and the run cannot
 // go on. The handler ends it the way a failed run ends: the failure line, no
-// output file, status 2. Tensor bytes are read only after the output is opened,
-// so a regular file at the path is one this run created or truncated.
+// unfinished file left, status 2.
 void on_bus_error(int) {
     static const char message[] =
         "FAILED: source data unreadable (a source file cut short during the run?)\n";
@@ -56,23 +55,57 @@ void on_bus_error(int) {
         write(STDOUT_FILENO, message, sizeof message - 1) < 0) {
         // nothing more can be said
     }
-    struct stat st = {};
-    const char* path = g_run_output;
-    if (path != nullptr && lstat(path, &st) == 0 && S_ISREG(st.st_mode)) {
-        unlink(path);
-    }
+    discard_output_from_signal();
     _exit(2);
+}
+
+// Set by the first SIGINT, SIGTERM or SIGHUP of a run; the run stops at its next
+// chunk or tensor. A second signal means the user will not wait.
+std::atomic<bool> g_cancel{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "read and written in a signal handler");
+
+void on_interrupt(int signal_number) {
+    if (g_cancel.exchange(true)) {
+        discard_output_from_signal();
+        std::signal(signal_number, SIG_DFL);
+        std::raise(signal_number);
+    }
+}
+
+void catch_interrupts() {
+    struct sigaction action = {};
+    action.sa_handler = on_interrupt;
+    action.sa_flags = SA_RESTART;  // writes and waits go on until the run looks at the flag
+    sigemptyset(&action.sa_mask);
+    for (const int s : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaction(s, &action, nullptr);
+    }
+}
+
+// A whole number from 0 to 1024, nothing else.
+bool read_thread_count(const std::string& text, int& threads) {
+    int value = 0;
+    const char* end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc() || at != end || value < 0 || value > 1024) {
+        return false;
+    }
+    threads = value;
+    return true;
 }
 
 int run_fusion(const CommandLine& cl) {
     std::printf("---- recipe ----\n%s\n----------------\n", cl.recipe_text.c_str());
     std::fflush(stdout);
-    g_run_output = cl.output_path.c_str();
     std::signal(SIGBUS, on_bus_error);
+    catch_interrupts();
     ProgressPrinter printer;
-    const FuseResult r = fuse(cl.sources, cl.recipe_text, cl.output_path, 0, nullptr,
+    const FuseResult r = fuse(cl.sources, cl.recipe_text, cl.output_path, cl.threads, &g_cancel,
                               [&printer](const FuseProgress& p) { print_progress(printer, p); });
     std::fputc('\n', stderr);
+    for (const std::string& warning : r.warnings) {
+        std::fprintf(stderr, "warning: %s\n", warning.c_str());
+    }
     std::printf(
         "%s: %s\ntensors=%lld params=%lld fallback=%lld layers=%lld bytes=%llu time=%.1fs\n",
         r.ok ? "OK" : "FAILED", r.message.c_str(), (long long)r.tensors, (long long)r.params,
@@ -103,6 +136,16 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             cl.output_path = args[++i];
         } else if (a == "--dry") {
             cl.dry = true;
+        } else if (a == "-h" || a == "--help") {
+            cl.help = true;
+            return cl;
+        } else if (a == "--version") {
+            cl.version = true;
+            return cl;
+        } else if ((a == "-t" || a == "--threads") && has_value) {
+            if (!read_thread_count(args[++i], cl.threads)) {
+                cl.usage_error = "invalid thread count '" + args[i] + "'";
+            }
         } else {
             cl.sources.push_back(a);
         }
@@ -131,6 +174,18 @@ int run_command_line(int argc, char** argv) {
     if (cl.inspect) {
         std::printf("%s\n", inspect_json(cl.inspect_path, false).c_str());
         return 0;
+    }
+    if (cl.help) {
+        std::fputs(help_text(), stdout);
+        return 0;
+    }
+    if (cl.version) {
+        std::fputs(version_text().c_str(), stdout);
+        return 0;
+    }
+    if (!cl.usage_error.empty()) {
+        std::fprintf(stderr, "%s\n", cl.usage_error.c_str());
+        return usage_failure();
     }
     if ((cl.output_path.empty() && !cl.dry) || cl.sources.empty()) {
         return usage_failure();

@@ -24,11 +24,16 @@ struct CommandLine {
     bool dry = false;
     bool inspect = false;  // the scan stopped at --inspect <inspect_path>
     std::string inspect_path;
+    bool help = false;        // the scan stopped at -h / --help
+    bool version = false;     // the scan stopped at --version
+    int threads = 0;          // -t / --threads; 0 uses all cores
+    std::string usage_error;  // a value the scan refused, e.g. "invalid thread count 'x'"
 };
 
 // Scans the arguments after the program name, in order; an option that needs a
 // value but stands last is a source path. `-r` reads the whole file, or gives an
-// empty text when it cannot be read.
+// empty text when it cannot be read. `--inspect`, `-h`/`--help` and `--version`
+// end the scan. A thread count must be a whole number from 0 to 1024.
 CommandLine scan_command_line(const std::vector<std::string>& args);
 
 // The layer count for a generated recipe: the number behind the first
@@ -37,9 +42,11 @@ int32_t report_layer_count(const std::string& report);
 
 // Runs the whole program and returns its exit status. SIGPIPE is ignored: a
 // reader that goes away makes a failed run (status 2), not a silent death. During
-// a run SIGBUS (a source cut short under the mapping) prints "FAILED: source data
-// unreadable (a source file cut short during the run?)", removes the output file
-// if it is a regular file, and exits with status 2.
+// a run SIGINT, SIGTERM and SIGHUP cancel it at the next chunk or tensor (status
+// 2, "FAILED: cancelled", the normal summary); a second one ends the program at
+// once, removing the unfinished temporary file. SIGBUS (a source cut short under
+// the mapping) prints "FAILED: source data unreadable (a source file cut short
+// during the run?)", removes the temporary file, and exits with status 2.
 int run_command_line(int argc, char** argv);
 
 }  // namespace tevrin

@@ -166,16 +166,24 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
                 throw std::runtime_error("cancelled");
             }
             const uint64_t before = output.written;
-            read += write_tensor(write_ctx, plan, read);
+            const TensorWrite done = write_tensor(write_ctx, plan, read);
+            read += done.read;
             write_alignment_fill(output, output.written - before, alignment);
+            check_output(output);
+            if (done.non_finite > 0) {
+                result.warnings.push_back("tensor " + plan.name + ": " +
+                                          std::to_string(done.non_finite) +
+                                          " values are not finite (nan or inf)");
+            }
             emit_progress(progress, progress_fraction(read, total_source_bytes, 1.0f),
                           "Blending " + plan.name);
             ++result.tensors;
         }
         finish_output(output);
         // An exception from this last event still fails the run, and the finished
-        // file is removed with it: a failed run never leaves a file it made.
+        // file never takes the output's name: a failed run never leaves a file it made.
         emit_progress(progress, 1.0f, "Corked");
+        commit_output(output);
 
         result.ok = true;
         result.output_path = output_path;

@@ -1,10 +1,11 @@
 // One fusion run: source paths and recipe text in, one finished GGUF file out.
 //
 // fuse() never throws a standard exception: every failure comes back in the
-// FuseResult with its one-line message, and a partially written output file is
-// removed (only ever a regular file this run created or truncated). An existing
-// output file survives every failure that happens before the output is opened,
-// which is after all sources, the recipe and the whole plan have been accepted.
+// FuseResult with its one-line message. The output is written to a temporary
+// file beside the output path and renamed over it only on success (see
+// fuse/output_stream.h), so whatever the path held before survives every failure.
+//
+// Threads: call from one thread; the run starts and joins its own workers.
 #pragma once
 
 #include <atomic>
@@ -30,6 +31,7 @@ struct FuseResult {
     int64_t layers = 0;       // output layer count; set on success only
     uint64_t bytes = 0;       // output file size; set on success only
     double seconds = 0.0;     // wall time by the monotonic clock, success or not
+    std::vector<std::string> warnings;  // tensors whose blended values are not all finite
 };
 
 using ProgressFn = std::function<void(const FuseProgress&)>;

@@ -1,29 +1,155 @@
 #include "fuse/output_stream.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
 #include "model/source_model.h"
 
 namespace tevrin {
+namespace {
+
+// The temporary files being written, for a signal handler that must remove them
+// without locks or allocation. Slots are never freed, only reused, so a handler
+// can walk the list at any moment.
+struct TempSlot {
+    std::atomic<int> state{0};  // kFree, kClaimed (path being written), kLive
+    char path[PATH_MAX] = {};
+    TempSlot* next = nullptr;
+};
+constexpr int kFree = 0, kClaimed = 1, kLive = 2;
+std::atomic<TempSlot*> g_temp_slots{nullptr};
+
+TempSlot* claim_temp_slot() {
+    for (TempSlot* slot = g_temp_slots.load(); slot != nullptr; slot = slot->next) {
+        int expected = kFree;
+        if (slot->state.compare_exchange_strong(expected, kClaimed)) {
+            return slot;
+        }
+    }
+    auto* slot = new TempSlot;
+    slot->state = kClaimed;
+    slot->next = g_temp_slots.load();
+    while (!g_temp_slots.compare_exchange_weak(slot->next, slot)) {
+    }
+    return slot;
+}
+
+void register_temp(const std::string& path) {
+    if (path.size() >= PATH_MAX) {
+        return;  // open() has already refused such a path
+    }
+    TempSlot* slot = claim_temp_slot();
+    std::memcpy(slot->path, path.c_str(), path.size() + 1);
+    slot->state = kLive;
+}
+
+void unregister_temp(const std::string& path) {
+    for (TempSlot* slot = g_temp_slots.load(); slot != nullptr; slot = slot->next) {
+        if (slot->state.load() == kLive && path == slot->path) {
+            slot->state = kFree;
+            return;
+        }
+    }
+}
+
+std::string dir_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string base_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The file a chain of symbolic links ends at (the path itself when it is no
+// link); a dangling link gives the path it points to, which is then created.
+std::string link_target(const std::string& path) {
+    std::string at = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat st = {};
+        if (lstat(at.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            return at;
+        }
+        std::vector<char> buffer(PATH_MAX + 1);
+        const ssize_t n = readlink(at.c_str(), buffer.data(), PATH_MAX);
+        if (n <= 0) {
+            return at;
+        }
+        const std::string to(buffer.data(), size_t(n));
+        at = to[0] == '/' ? to : dir_of(at) + "/" + to;
+    }
+    return at;  // a loop: opening it fails like any unreadable path
+}
+
+// Paths under /dev and /proc name streams and descriptors (/dev/stdout,
+// /proc/self/fd/1) even where they lead to a regular file: never replaced.
+bool special_path(const std::string& path) {
+    return path.rfind("/dev/", 0) == 0 || path.rfind("/proc/", 0) == 0;
+}
+
+bool write_in_place(const std::string& path, const std::string& target) {
+    if (special_path(path) || special_path(target)) {
+        return true;
+    }
+    struct stat st = {};
+    return stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
+}
+
+FILE* open_temp(OutputStream& out) {
+    out.temp_path = dir_of(out.target) + "/." + base_of(out.target) + ".tevrin-" +
+                    std::to_string(getpid()) + ".tmp";
+    const int fd = open(out.temp_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        out.temp_path.clear();
+        return nullptr;
+    }
+    register_temp(out.temp_path);
+    // A file that is replaced keeps its permissions, as it would when rewritten.
+    struct stat st = {};
+    if (stat(out.target.c_str(), &st) == 0) {
+        fchmod(fd, st.st_mode & 07777);
+    }
+    FILE* stream = fdopen(fd, "wb");
+    if (stream == nullptr) {
+        close(fd);
+    }
+    return stream;
+}
+
+void sync_directory(const std::string& dir) {
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
+    }
+}
+
+}  // namespace
 
 void open_output(OutputStream& out, const std::string& path) {
     out.path = path;
-    out.stream = std::fopen(path.c_str(), "wb");
+    out.target = link_target(path);
+    if (write_in_place(path, out.target)) {
+        out.stream = std::fopen(path.c_str(), "wb");
+    } else {
+        out.stream = open_temp(out);
+    }
     if (out.stream == nullptr) {
+        discard_output(out);
         throw std::runtime_error("cannot write " + path);
     }
-    struct stat st = {};
-    if (fstat(fileno(out.stream), &st) == 0 && S_ISREG(st.st_mode)) {
-        out.removable = true;
-        out.dev = st.st_dev;
-        out.ino = st.st_ino;
-    }
-    // One buffer per calling thread, kept for the thread's life.
+    // One buffer per calling thread, kept for the thread's life; a thread has at
+    // most one output buffered at a time, so later streams get their own.
     thread_local std::vector<char> buffer(kStreamBufferBytes);
     std::setvbuf(out.stream, buffer.data(), _IOFBF, buffer.size());
 }
@@ -62,13 +188,35 @@ void copy_file_bytes(OutputStream& out, int fd, uint64_t offset, const uint8_t* 
     out.written += size;
 }
 
-void finish_output(OutputStream& out) {
-    const bool flushed = std::fflush(out.stream) == 0 && !std::ferror(out.stream);
-    const bool closed = std::fclose(out.stream) == 0;
-    out.stream = nullptr;
-    if (!flushed || !closed) {
+void check_output(const OutputStream& out) {
+    if (std::ferror(out.stream)) {
         throw std::runtime_error("write error (disk full?)");
     }
+}
+
+void finish_output(OutputStream& out) {
+    bool ok = std::fflush(out.stream) == 0 && !std::ferror(out.stream);
+    // A pipe or a device cannot be synced; only a file that is renamed must be.
+    if (ok && !out.temp_path.empty()) {
+        ok = fsync(fileno(out.stream)) == 0;
+    }
+    ok = std::fclose(out.stream) == 0 && ok;
+    out.stream = nullptr;
+    if (!ok) {
+        throw std::runtime_error("write error (disk full?)");
+    }
+}
+
+void commit_output(OutputStream& out) {
+    if (out.temp_path.empty()) {
+        return;
+    }
+    if (std::rename(out.temp_path.c_str(), out.target.c_str()) != 0) {
+        throw std::runtime_error("cannot write " + out.path);
+    }
+    unregister_temp(out.temp_path);
+    out.temp_path.clear();
+    sync_directory(dir_of(out.target));
 }
 
 void discard_output(OutputStream& out) {
@@ -76,10 +224,18 @@ void discard_output(OutputStream& out) {
         std::fclose(out.stream);
         out.stream = nullptr;
     }
-    struct stat st = {};
-    if (out.removable && lstat(out.path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
-        st.st_dev == out.dev && st.st_ino == out.ino) {
-        std::remove(out.path.c_str());
+    if (!out.temp_path.empty()) {
+        unlink(out.temp_path.c_str());
+        unregister_temp(out.temp_path);
+        out.temp_path.clear();
+    }
+}
+
+void discard_output_from_signal() {
+    for (TempSlot* slot = g_temp_slots.load(); slot != nullptr; slot = slot->next) {
+        if (slot->state.load() == kLive) {
+            unlink(slot->path);
+        }
     }
 }
 

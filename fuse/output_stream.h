@@ -1,10 +1,18 @@
 // The output file of a run: one buffered stream, written front to back by the
 // thread that runs the fusion, with a count of the bytes written.
 //
-// Owned by the driver; not shared between threads. Clean-up after a failure
-// removes only a regular file that this run created or truncated, and only while
-// the path still names that very file: `-o /dev/null`, a FIFO or a device is
-// written to but never removed.
+// A regular file (or a path that does not exist yet, or a symbolic link to
+// either) is never written in place: the stream goes to a hidden temporary file
+// beside the target, ".<name>.tevrin-<pid>.tmp", created exclusively; finishing
+// flushes and syncs it, and committing renames it over the target and syncs the
+// directory. Under the target's name there is therefore always either the
+// complete new file or whatever was there before, after any failure, a kill or
+// a power cut. A symbolic link stays a link: the file it points to is replaced.
+// Anything else (a FIFO, a device, a path under /dev or /proc such as
+// /dev/stdout) is written straight to, and never removed.
+//
+// Owned by the driver; not shared between threads, except that
+// discard_output_from_signal may run in a signal handler at any time.
 #pragma once
 
 #include <sys/types.h>
@@ -19,12 +27,11 @@ namespace tevrin {
 inline constexpr size_t kStreamBufferBytes = 8388608;
 
 struct OutputStream {
-    std::string path;
+    std::string path;       // what the user named
+    std::string target;     // the file replaced on commit (the link's target for a link)
+    std::string temp_path;  // empty when writing straight to the target
     FILE* stream = nullptr;
     uint64_t written = 0;  // bytes handed to the stream so far
-    bool removable = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
 };
 
 // Fails with "cannot write <path>".
@@ -40,10 +47,23 @@ void write_zeros(OutputStream& out, uint64_t count);
 void copy_file_bytes(OutputStream& out, int fd, uint64_t offset, const uint8_t* mapped,
                      size_t size);
 
-// Flushes and closes; fails with "write error (disk full?)" when any write failed.
+// Fails with "write error (disk full?)" when a write so far has failed; lets a
+// run stop at the chunk or tensor where the disk filled up.
+void check_output(const OutputStream& out);
+
+// Flushes, syncs and closes; fails with "write error (disk full?)".
 void finish_output(OutputStream& out);
 
-// Closes what is open and removes the file if this run made it (see above).
+// Renames the finished temporary file over the target and syncs the directory;
+// fails with "cannot write <path>". Nothing to do when writing straight.
+void commit_output(OutputStream& out);
+
+// Closes what is open and removes the temporary file, if any; the target is
+// never touched.
 void discard_output(OutputStream& out);
+
+// Removes the temporary file of the output being written, if any, using only
+// async-signal-safe calls: for a signal that ends the program at once.
+void discard_output_from_signal();
 
 }  // namespace tevrin

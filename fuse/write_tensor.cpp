@@ -1,6 +1,8 @@
 #include "fuse/write_tensor.h"
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
 #include <stdexcept>
 #include <string>
 
@@ -47,12 +49,22 @@ uint64_t decode_chunk(const WriteContext& ctx, const TensorPlan& plan,
     return read;
 }
 
-void blend_and_encode_chunk(const WriteContext& ctx, const TensorPlan& plan, const MethodSpec& spec,
-                            uint64_t seed, int64_t start, int64_t n,
-                            const std::vector<const float*>& decoded, size_t row_bytes) {
+int64_t count_non_finite(const float* values, int64_t count) {
+    int64_t found = 0;
+    for (int64_t i = 0; i < count; ++i) {
+        found += (std::bit_cast<uint32_t>(values[i]) & 0x7f800000u) == 0x7f800000u;
+    }
+    return found;
+}
+
+// Returns how many of the blended values are not finite.
+int64_t blend_and_encode_chunk(const WriteContext& ctx, const TensorPlan& plan,
+                               const MethodSpec& spec, uint64_t seed, int64_t start, int64_t n,
+                               const std::vector<const float*>& decoded, size_t row_bytes) {
     const int64_t row_len = plan.ne[0];
     RowBuffers& buf = ctx.buffers;
     const int32_t workers = int32_t(std::min<int64_t>(ctx.threads, n));
+    std::atomic<int64_t> non_finite{0};
     parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
         std::vector<const float*> local;
         local.reserve(decoded.size());
@@ -61,9 +73,11 @@ void blend_and_encode_chunk(const WriteContext& ctx, const TensorPlan& plan, con
         }
         float* blended = buf.blended.data() + lo * row_len;
         blend_rows(spec, seed, start + lo, local, blended, hi - lo, row_len);
+        non_finite += count_non_finite(blended, (hi - lo) * row_len);
         encode_rows(plan.out_type, blended, buf.encoded.data() + size_t(lo) * row_bytes, hi - lo,
                     row_len, row_bytes);
     });
+    return non_finite.load();
 }
 
 void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& active, int64_t rows,
@@ -91,7 +105,7 @@ float progress_fraction(uint64_t done, uint64_t total, float if_empty) {
     return total == 0 ? if_empty : float(done) / float(total);
 }
 
-uint64_t write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before) {
+TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before) {
     const int64_t row_len = plan.ne[0];
     const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
     const size_t row_bytes = ggml_row_size(ggml_type(plan.out_type), row_len);
@@ -104,11 +118,11 @@ uint64_t write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t 
             const size_t size = gguf_get_tensor_size(src.gguf, index);
             copy_file_bytes(ctx.out, src.fd, tensor_file_offset(src, index),
                             tensor_data(src, index), size);
-            return size;
+            return {size, 0};
         }
     }
     if (uint64_t(rows) * row_bytes == 0) {  // no element: ggml must not see a 0 row
-        return 0;
+        return {};
     }
     check_encodable(plan.out_type);
     for (const int32_t s : active.sources) {
@@ -121,19 +135,20 @@ uint64_t write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t 
     const uint64_t seed = tensor_seed(ctx.seed, plan.name);
     const std::string label = "Blending " + plan.name;
     std::vector<const float*> decoded;
-    uint64_t read = 0;
+    TensorWrite done;
     for (int64_t start = 0; start < rows; start += per_chunk) {
         check_cancel(ctx);
         const int64_t n = std::min(per_chunk, rows - start);
-        read += decode_chunk(ctx, plan, active.sources, start, n, decoded);
-        blend_and_encode_chunk(ctx, plan, active.spec, seed, start, n, decoded, row_bytes);
+        done.read += decode_chunk(ctx, plan, active.sources, start, n, decoded);
+        done.non_finite +=
+            blend_and_encode_chunk(ctx, plan, active.spec, seed, start, n, decoded, row_bytes);
         write_bytes(ctx.out, ctx.buffers.encoded.data(), size_t(n) * row_bytes);
-        if (ctx.progress) {
-            ctx.progress(FuseProgress{
-                progress_fraction(read_before + read, ctx.total_source_bytes, 0.0f), label});
-        }
+        check_output(ctx.out);
+        emit_progress(ctx.progress,
+                      progress_fraction(read_before + done.read, ctx.total_source_bytes, 0.0f),
+                      label);
     }
-    return read;
+    return done;
 }
 
 }  // namespace tevrin

@@ -46,11 +46,17 @@ struct WriteContext {
     RowBuffers& buffers;
 };
 
-// Writes the tensor's bytes (no alignment fill) and returns the source bytes it
-// read; `read_before` is what earlier tensors read, for progress. Fails with
-// "base is missing tensor <name>", "cancelled", "cannot dequantize type <type>",
-// "cannot quantize to type <type>" or what encode_rows fails with.
-uint64_t write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before);
+struct TensorWrite {
+    uint64_t read = 0;       // source bytes read
+    int64_t non_finite = 0;  // NaN and infinite values among the encoded floats
+};
+
+// Writes the tensor's bytes (no alignment fill); `read_before` is what earlier
+// tensors read, for progress. Fails with "base is missing tensor <name>",
+// "cancelled", "write error (disk full?)" (checked after every chunk),
+// "cannot dequantize type <type>", "cannot quantize to type <type>" or what
+// encode_rows fails with.
+TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before);
 
 // The fraction behind the progress events: done / total in single precision,
 // or `if_empty` when total is 0.

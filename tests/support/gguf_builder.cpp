@@ -219,4 +219,14 @@ CommandResult run_command(const std::string& command) {
     return r;
 }
 
+int unfinished_outputs(const std::string& dir) {
+    int found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        const std::string name = entry.path().filename().string();
+        found += name.find(".tevrin-") != std::string::npos && name.size() > 4 &&
+                 name.compare(name.size() - 4, 4, ".tmp") == 0;
+    }
+    return found;
+}
+
 }  // namespace tevrin::testing

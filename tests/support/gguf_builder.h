@@ -73,6 +73,9 @@ struct CommandResult {
     std::string err;
 };
 CommandResult run_command(const std::string& command);
+
+// The temporary files of unfinished outputs (".<name>.tevrin-<pid>.tmp") in a folder.
+int unfinished_outputs(const std::string& dir);
 std::string shell_quote(const std::string& text);
 
 // The tool and the sample generator as built next to the tests.

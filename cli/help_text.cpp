@@ -1,0 +1,71 @@
+#include "cli/help_text.h"
+
+#include <ggml.h>
+
+#ifndef TEVRIN_VERSION
+#error "TEVRIN_VERSION is set by the build"
+#endif
+
+namespace tevrin {
+
+const char* help_text() {
+    return R"(usage: tevrin-fuse (-r recipe|-e text|--random seed) -o out.gguf src...
+       tevrin-fuse --inspect file.gguf
+
+Makes one GGUF model out of one to eight GGUF models. The first source is the
+base, the others are donors. The recipe says how each tensor is blended, which
+type the output is stored in, and, for a stack, which layers make up the output.
+
+Options (matched exactly; a value is always the next argument):
+  -r PATH          read the recipe from a file
+  -e TEXT          the recipe text itself (-r and -e overwrite each other)
+  --random SEED    generate a recipe from a seed (replaces -r / -e)
+  --type WORD      output type written into a generated recipe (default q8_0)
+  -o PATH          the output file; it is replaced only when complete
+  -t, --threads N  worker threads (default 0: all cores); output is the same
+  --dry            print the recipe and stop
+  --inspect PATH   print a one-line JSON report of a GGUF file and stop
+  -h, --help       this text
+  --version        program and ggml versions
+  anything else    a source path
+
+Recipe directives (one per line, # starts a comment):
+  name TEXT                 general.name of the output
+  out WORD                  output type (see below)
+  seed N                    seed of the random methods (default 42)
+  default METHOD            method for every tensor no other rule takes
+  layers A-B METHOD         method for the block tensors of layers A to B
+  tensor GLOB METHOD        method for tensors whose name matches (* and ?)
+  stack S:A-B S:L ...       build the output from whole layers of sources
+
+Methods (t is a number, W a weight list such as 1,0.5; a>b is a schedule):
+  linear [W]                weighted mean
+  slerp [t]                 spherical interpolation base -> second source
+  pick [index]              one source's tensor
+  median                    element-wise median
+  nearswap [t]              moves the base toward the second source by t
+  chaos [t]                 random weights per block of 32 rows
+  task [t] [W]              base + t * weighted task vectors
+  ties [density] [W]        trim, elect sign, merge
+  dare [drop] [W]           random drop and rescale of task vectors
+  breadcrumbs [density] [W] keeps a middle band of task-vector values
+  della [drop] [W]          drop by magnitude rank, then rescale
+
+Output words (case-insensitive):
+  f32 f16 bf16 q8_0 q6_k q5_k q5_0 q4_k q4_0, or keep (each source type)
+
+Exit status: 0 success (also --dry, --inspect, --help, --version),
+             1 usage failure, 2 the run failed or was interrupted.
+
+Example:
+  tevrin-fuse -e 'out q8_0
+  default slerp 0.2>0.8' -o fused.gguf base.gguf donor.gguf
+)";
+}
+
+std::string version_text() {
+    return std::string("tevrin-fuse ") + TEVRIN_VERSION + "\nggml " + ggml_version() + " (" +
+           ggml_commit() + ")\n";
+}
+
+}  // namespace tevrin

@@ -1,0 +1,175 @@
+// The output file as a user relies on it: replaced whole or not at all, through
+// interrupts, kills, full disks, concurrent runs and symbolic links; and the
+// options that steer a run (--threads, --help, --version).
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "cli/help_text.h"
+#include "tests/support/gguf_builder.h"
+
+namespace tevrin::testing {
+namespace {
+
+struct SafeOutputTest : ::testing::Test {
+    TempDir dir;
+    std::string a = dir.file("a.gguf"), out = dir.file("out.gguf");
+    std::string exe = shell_quote(fuse_exe());
+    void SetUp() override {
+        write_fixture(llama_fixture(4, 256, GGML_TYPE_F32, 1), a);
+        write_file(out, "earlier output");
+    }
+    // A run of many q4_k layers from a small source: long enough to be
+    // interrupted at any point the test waits for.
+    std::string long_run() {
+        std::string stack = "out q4_k\nstack";
+        for (int i = 0; i < 400; ++i) {
+            stack += " 0:0-3";
+        }
+        write_file(dir.file("long.txt"), stack);
+        return exe + " -t 1 -r " + dir.file("long.txt") + " -o " + out + " " + a;
+    }
+    // Waits in the shell until the run's temporary file holds more than `bytes`.
+    std::string wait_for_temp(uint64_t bytes) {
+        return "for i in $(seq 6000); do [ $(stat -c %s " + dir.path +
+               "/.out.gguf.tevrin-$pid.tmp 2>/dev/null || echo 0) -gt " + std::to_string(bytes) +
+               " ] && break; sleep 0.01; done; ";
+    }
+};
+
+TEST_F(SafeOutputTest, InterruptsCancelTheRunAndKeepTheEarlierFile) {
+    const std::string run = long_run();
+    for (const std::string sig : {"INT", "TERM", "HUP"}) {
+        for (const uint64_t after : {0ull, 2000000ull}) {  // in the header, then in the data
+            SCOPED_TRACE(sig + " after " + std::to_string(after));
+            const CommandResult r = run_command(run + " & pid=$!; " + wait_for_temp(after) +
+                                                "kill -" + sig + " $pid; wait $pid");
+            EXPECT_EQ(r.status, 2);
+            EXPECT_NE(r.out.find("\nFAILED: cancelled\ntensors="), std::string::npos) << r.out;
+            EXPECT_EQ(read_file(out), "earlier output");
+            EXPECT_EQ(unfinished_outputs(dir.path), 0);
+        }
+    }
+    // A second signal ends the program at once; it still leaves nothing behind.
+    const CommandResult r = run_command(run + " & pid=$!; " + wait_for_temp(0) +
+                                        "kill -INT $pid; kill -INT $pid; wait $pid");
+    EXPECT_TRUE(r.status == 130 || r.status == 2) << r.status;
+    EXPECT_EQ(read_file(out), "earlier output");
+    EXPECT_EQ(unfinished_outputs(dir.path), 0);
+}
+
+TEST_F(SafeOutputTest, KillsAndFullDisksNeverShowAHalfFile) {
+    CommandResult r = run_command(long_run() + " & pid=$!; " + wait_for_temp(1000000) +
+                                  "kill -KILL $pid; wait $pid");
+    EXPECT_EQ(r.status, 128 + 9);
+    EXPECT_EQ(read_file(out), "earlier output");
+    EXPECT_EQ(unfinished_outputs(dir.path), 1);  // what a killed run leaves, never the output
+
+    // A 64 KiB file-size limit with SIGXFSZ ignored makes writes fail like a full
+    // disk; the run stops at the chunk where it happened.
+    r = run_command("ulimit -f 64; trap '' XFSZ; exec " + exe + " -o " + out + " " + a);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.out.find("FAILED: write error (disk full?)\n"), std::string::npos) << r.out;
+    EXPECT_EQ(read_file(out), "earlier output");
+    EXPECT_EQ(unfinished_outputs(dir.path), 1);  // only the killed run's
+}
+
+TEST_F(SafeOutputTest, ConcurrentRunsReplaceTheOutputWhole) {
+    const std::string one = dir.file("one.gguf"), two = dir.file("two.gguf");
+    ASSERT_EQ(run_command(exe + " -e 'out f16' -o " + one + " " + a).status, 0);
+    ASSERT_EQ(run_command(exe + " -e 'out q8_0' -o " + two + " " + a).status, 0);
+    const CommandResult r = run_command(exe + " -e 'out f16' -o " + out + " " + a + " & " + exe +
+                                        " -e 'out q8_0' -o " + out + " " + a + " & wait");
+    EXPECT_EQ(r.status, 0);
+    const std::string survivor = read_file(out);
+    EXPECT_TRUE(survivor == read_file(one) || survivor == read_file(two));
+
+    // A run that fails beside one that succeeds removes only its own file.
+    run_command(exe + " -e 'out f16' -o " + out + " " + a + " & (ulimit -f 64; trap '' XFSZ; " +
+                exe + " -e 'out q8_0' -o " + out + " " + a + ") & wait");
+    EXPECT_EQ(read_file(out), read_file(one));
+    EXPECT_EQ(unfinished_outputs(dir.path), 0);
+}
+
+TEST_F(SafeOutputTest, ALinkedOutputReplacesItsTargetAndStaysALink) {
+    std::filesystem::create_directory(dir.file("real"));
+    const std::string target = dir.file("real/model.gguf"), link = dir.file("link.gguf");
+    write_file(target, "earlier output");
+    std::filesystem::create_symlink("real/model.gguf", link);  // relative, like most links
+    struct stat before = {};
+    chmod(target.c_str(), 0640);
+    ASSERT_EQ(stat(target.c_str(), &before), 0);
+
+    CommandResult r =
+        run_command("ulimit -f 64; trap '' XFSZ; exec " + exe + " -o " + link + " " + a);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(read_file(target), "earlier output");
+    EXPECT_EQ(unfinished_outputs(dir.file("real")), 0);
+
+    r = run_command(exe + " -o " + link + " " + a);
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(read_file(link), read_file(target));
+    EXPECT_NE(read_file(target), "earlier output");
+    struct stat after = {};
+    ASSERT_EQ(stat(target.c_str(), &after), 0);
+    EXPECT_EQ(after.st_mode & 0777, 0640u);  // a replaced file keeps its permissions
+}
+
+TEST_F(SafeOutputTest, FifoOutputIsWrittenStraight) {
+    const std::string fifo = dir.file("fifo"), copy = dir.file("copy.gguf");
+    ASSERT_EQ(run_command("mkfifo " + fifo).status, 0);
+    ASSERT_EQ(run_command(exe + " -o " + out + " " + a).status, 0);
+    const CommandResult r = run_command("cat " + fifo + " > " + copy + " & timeout 60 " + exe +
+                                        " -o " + fifo + " " + a + "; st=$?; wait; exit $st");
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(read_file(copy), read_file(out));
+    EXPECT_EQ(unfinished_outputs(dir.path), 0);
+}
+
+TEST_F(SafeOutputTest, ThreadCountsGiveTheSameBytes) {
+    std::string first;
+    for (const std::string t : {"-t 1", "--threads 2", "-t 5", "-t 0"}) {
+        const CommandResult r = run_command(exe + " " + t + " -e 'out q4_k\ndefault dare 0.3' -o " +
+                                            out + " " + a + " " + a);
+        ASSERT_EQ(r.status, 0) << t;
+        first = first.empty() ? read_file(out) : first;
+        EXPECT_TRUE(read_file(out) == first) << t;
+    }
+    for (const std::string bad : {"-1", "x", "2x", "1025", ""}) {
+        const CommandResult r = run_command(exe + " -t '" + bad + "' -o " + out + " " + a);
+        EXPECT_EQ(r.status, 1) << bad;
+        EXPECT_EQ(r.err.rfind("invalid thread count '" + bad + "'\nusage: ", 0), 0u) << r.err;
+    }
+}
+
+TEST_F(SafeOutputTest, HelpVersionAndNonFiniteWarnings) {
+    for (const std::string arg : {"-h", "--help", "a.gguf --help -o x"}) {
+        const CommandResult r = run_command(exe + " " + arg);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.out, help_text());
+    }
+    CommandResult r = run_command(exe + " --version");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("tevrin-fuse ", 0), 0u);
+    EXPECT_NE(r.out.find("\nggml "), std::string::npos);
+
+    // Values that blend to infinity or NaN are named on stderr; stdout and the
+    // status stay those of a good run.
+    write_fixture(llama_fixture(4, 256, GGML_TYPE_F32, 2), dir.file("b.gguf"));
+    r = run_command(exe + " -e 'tensor blk.1.attn_q.weight task inf' -o " + out + " " + a + " " +
+                    dir.file("b.gguf"));
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("OK: ok\n"), std::string::npos);
+    EXPECT_NE(r.err.find("\nwarning: tensor blk.1.attn_q.weight: 65536 values are not finite "
+                         "(nan or inf)\n"),
+              std::string::npos)
+        << r.err;
+    EXPECT_EQ(r.err.find("warning: tensor blk.0"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tevrin::testing
