@@ -36,4 +36,13 @@ void blend_dare(const BlendCall& call);
 void blend_breadcrumbs(const BlendCall& call);
 void blend_della(const BlendCall& call);
 
+// Task-vector methods whose factors come from per-row statistics of the donors.
+void blend_model_stock(const BlendCall& call);
+void blend_sce(const BlendCall& call);
+
+// Means and interpolations of row directions on the unit sphere.
+void blend_karcher(const BlendCall& call);
+void blend_multislerp(const BlendCall& call);
+void blend_nuslerp(const BlendCall& call);
+
 }  // namespace tevrin

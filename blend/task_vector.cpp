@@ -1,26 +1,20 @@
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 
 #include "blend/blend.h"
 #include "blend/draws.h"
 #include "blend/methods.h"
+#include "blend/select_magnitude.h"
 #include "recipe/method_table.h"
 
-// Trimming compares magnitudes as the bit patterns of |delta| (sign bit cleared).
-// For non-negative floats that order is the numeric order, and it is a total order
-// that also places NaN above infinity, so selection and sorting stay well-defined
-// on any input while agreeing with float comparison on every number.
+// Trimming compares magnitudes as bit patterns (see select_magnitude.h), so
+// selection and sorting stay well-defined on any input.
 
 namespace tevrin {
 namespace {
 
 constexpr uint32_t infinity_bits = 0x7f800000u;
-
-uint32_t magnitude_bits(float delta) {
-    return std::bit_cast<uint32_t>(delta) & 0x7fffffffu;
-}
 
 int64_t keep_count(int64_t row_len, float density) {
     const float kept = std::floor(static_cast<float>(row_len) * density);
@@ -54,50 +48,6 @@ void compute_delta(const float* donor, const float* base, float* delta, int64_t 
     for (int64_t e = 0; e < len; ++e) {
         delta[e] = donor[e] - base[e];
     }
-}
-
-// The magnitude that would stand at `position` if the magnitudes of delta[0, len)
-// were sorted ascending. A radix selection: the top 11 bits, then two digits of
-// 10, each time counting the remaining candidates per digit, keeping the bucket
-// that holds the position and compacting its members into `scratch` (len
-// entries). Linear in len even on adversarial rows, and the counting passes have
-// no data-dependent branches, which makes it several times faster than a
-// comparison-based selection on random magnitudes. Only the value is wanted, so
-// the result is exactly that of any other selection.
-uint32_t select_magnitude(const float* delta, int64_t len, int64_t position, uint32_t* scratch) {
-    static constexpr int shifts[3] = {20, 10, 0};
-    static constexpr uint32_t masks[3] = {0x7ff, 0x3ff, 0x3ff};
-    std::array<uint32_t, 2048> counts;
-    for (int64_t e = 0; e < len; ++e) {
-        scratch[e] = magnitude_bits(delta[e]);
-    }
-    int64_t candidates = len;
-    uint32_t value = 0;
-    for (int pass = 0; pass < 3; ++pass) {
-        const int shift = shifts[pass];
-        const uint32_t mask = masks[pass];
-        std::fill(counts.begin(), counts.begin() + mask + 1, 0u);
-        for (int64_t i = 0; i < candidates; ++i) {
-            ++counts[(scratch[i] >> shift) & mask];
-        }
-        uint32_t bucket = 0;
-        while (position >= counts[bucket]) {
-            position -= counts[bucket];
-            ++bucket;
-        }
-        value |= bucket << shift;
-        if (pass == 2) {
-            break;
-        }
-        int64_t kept = 0;
-        for (int64_t i = 0; i < candidates; ++i) {
-            const uint32_t m = scratch[i];
-            scratch[kept] = m;
-            kept += ((m >> shift) & mask) == bucket;
-        }
-        candidates = kept;
-    }
-    return value;
 }
 
 // Zeroes every element whose magnitude is below the keep_count-th largest.
