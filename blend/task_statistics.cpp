@@ -67,8 +67,9 @@ float stock_factor(const float* deltas, size_t donors, int64_t len) {
     return static_cast<float>(n * c / (1.0 + (n - 1.0) * c));
 }
 
-// Bit tests for the erase step: positive(x) is x > 0.0f, nonzero(x) is
-// x != 0.0f, so -0.0 counts as zero and has no sign.
+// Float tests and selects on the bits, so that the loops using them vectorize.
+// positive(x) is x > 0.0f and nonzero(x) is x != 0.0f (so -0.0 is zero and has
+// no sign); keep_if gives x or +0.0.
 bool positive(float x) {
     return std::bit_cast<uint32_t>(x) - 1u < 0x7f800000u;
 }
@@ -77,50 +78,66 @@ bool nonzero(float x) {
     return (std::bit_cast<uint32_t>(x) & 0x7fffffffu) != 0;
 }
 
+float keep_if(bool keep, float x) {
+    return std::bit_cast<float>(std::bit_cast<uint32_t>(x) & (keep ? ~0u : 0u));
+}
+
 // Row scratch of sce, sized once per call.
 struct SceScratch {
     std::vector<float> deltas;
+    std::vector<float> mean;
     std::vector<float> spread;
     std::vector<uint32_t> select;
     std::vector<float> sign_sum;
     SceScratch(size_t donors, int64_t len)
         : deltas(donors * static_cast<size_t>(len)),
+          mean(static_cast<size_t>(len)),
           spread(static_cast<size_t>(len)),
           select(static_cast<size_t>(len)),
           sign_sum(static_cast<size_t>(len)) {}
 };
 
 // Per element, the sum of squared deviations of the donors' deltas from their
-// mean: N times the variance, which ranks the elements the same way.
-void deviation_squares(const float* deltas, size_t donors, int64_t len, float* spread) {
+// mean: N times the variance, which ranks the elements the same way. Donors run
+// in the outer loops so that each inner loop is a flat pass over the row; each
+// element still sees its donors in order.
+void deviation_squares(SceScratch& s, size_t donors, int64_t len) {
     const auto n = static_cast<float>(donors);
+    float* mean = s.mean.data();
+    float* spread = s.spread.data();
+    std::fill(mean, mean + len, 0.0f);
+    std::fill(spread, spread + len, 0.0f);
+    for (size_t k = 0; k < donors; ++k) {
+        const float* d = s.deltas.data() + k * static_cast<size_t>(len);
+        for (int64_t e = 0; e < len; ++e) {
+            mean[e] = mean[e] + d[e];
+        }
+    }
     for (int64_t e = 0; e < len; ++e) {
-        float sum = 0.0f;
-        for (size_t k = 0; k < donors; ++k) {
-            sum = sum + deltas[k * static_cast<size_t>(len) + e];
+        mean[e] = mean[e] / n;
+    }
+    for (size_t k = 0; k < donors; ++k) {
+        const float* d = s.deltas.data() + k * static_cast<size_t>(len);
+        for (int64_t e = 0; e < len; ++e) {
+            const float dev = d[e] - mean[e];
+            spread[e] = spread[e] + dev * dev;
         }
-        const float mean = sum / n;
-        float squares = 0.0f;
-        for (size_t k = 0; k < donors; ++k) {
-            const float dev = deltas[k * static_cast<size_t>(len) + e] - mean;
-            squares = squares + dev * dev;
-        }
-        spread[e] = squares;
     }
 }
 
 // Select: zero every delta at elements whose spread is below the keep-th largest
 // (elements equal to it stay, so ties can keep more).
+// One donor has no spread, and every element is kept.
 void select_by_spread(SceScratch& s, size_t donors, int64_t len, int64_t keep) {
-    if (keep >= len) {
+    if (keep >= len || donors < 2) {
         return;
     }
-    deviation_squares(s.deltas.data(), donors, len, s.spread.data());
+    deviation_squares(s, donors, len);
     const uint32_t threshold = select_magnitude(s.spread.data(), len, len - keep, s.select.data());
     for (size_t k = 0; k < donors; ++k) {
         float* d = s.deltas.data() + k * static_cast<size_t>(len);
         for (int64_t e = 0; e < len; ++e) {
-            d[e] = magnitude_bits(s.spread[static_cast<size_t>(e)]) < threshold ? 0.0f : d[e];
+            d[e] = keep_if(magnitude_bits(s.spread[static_cast<size_t>(e)]) >= threshold, d[e]);
         }
     }
 }
@@ -164,8 +181,8 @@ void erase_and_merge(SceScratch& s, const std::vector<float>& w, const float* ba
         const float wk = w[k];
         for (int64_t e = 0; e < len; ++e) {
             const bool agrees =
-                nonzero(d[e]) && nonzero(sign_sum[e]) && positive(d[e]) == positive(sign_sum[e]);
-            out[e] = agrees ? out[e] + d[e] * wk : out[e];
+                nonzero(d[e]) & nonzero(sign_sum[e]) & (positive(d[e]) == positive(sign_sum[e]));
+            out[e] = out[e] + keep_if(agrees, d[e] * wk);
         }
     }
     for (int64_t e = 0; e < len; ++e) {
