@@ -236,6 +236,12 @@ TEST(Nuslerp, SlerpsTheTaskVectorsByTheDonorWeights) {
         mirrored[e] = s[0][e] - (s[1][e] - s[0][e]);
     }
     expect_close(run(blend_nuslerp, spec_with(0), {s[0], s[1], mirrored}), widen(s[0].data(), 32));
+    // A zero task vector: slerp's linear form, so at 0.5 half of the other one.
+    Doubles halfway(32);
+    for (size_t e = 0; e < 32; ++e) {
+        halfway[e] = s[0][e] + (double(s[2][e]) - s[0][e]) / 2;
+    }
+    expect_close(run(blend_nuslerp, spec_with(0), {s[0], s[0], s[2]}), halfway);
 }
 
 TEST(SplitCalls, NewerMethodsGiveTheSameBytesHoweverRowsAreCut) {
