@@ -13,8 +13,10 @@ using Kernel = void (*)(const BlendCall&);
 
 // In enum order, like the method table.
 constexpr Kernel kKernels[] = {
-    blend_linear, blend_slerp,       blend_ties,  blend_dare,   blend_pick,     blend_chaos,
-    blend_task,   blend_breadcrumbs, blend_della, blend_median, blend_nearswap,
+    blend_linear, blend_slerp,   blend_ties,       blend_dare,
+    blend_pick,   blend_chaos,   blend_task,       blend_breadcrumbs,
+    blend_della,  blend_median,  blend_nearswap,   blend_model_stock,
+    blend_sce,    blend_karcher, blend_multislerp, blend_nuslerp,
 };
 static_assert(std::size(kKernels) == size_t(kMethodCount),
               "one kernel per BlendMethod, in enum order");

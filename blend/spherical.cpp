@@ -8,6 +8,7 @@
 #include "blend/blend.h"
 #include "blend/methods.h"
 #include "blend/row_dot.h"
+#include "recipe/method_table.h"
 
 namespace tevrin {
 namespace {
@@ -15,17 +16,15 @@ namespace {
 // karcher stops when its last step turned the mean by less than this angle
 // (radians): far below what a float of the result can show.
 constexpr double kStepTolerance = 1e-9;
-constexpr float kMaxIterations = 1000.0f;
 // A weighted sum of unit rows shorter than this has no direction to speak of
 // (rows of equal weight pointing opposite ways).
 constexpr double kNoDirection = 1e-6;
 
-// Weights of the mean for the sources from position `first` on: the list by
-// position (equal when empty, 0 behind a short list), negative and NaN weights as
-// 0, equal again when none is left above 0, then divided by their sum.
-std::vector<double> mean_weights(const std::vector<float>& given, size_t n, size_t first) {
-    const std::vector<float> fitted =
-        fit_weights(given, static_cast<int64_t>(n), given.empty() ? 1.0f : 0.0f);
+// Weights of the mean for the sources from position `first` on: the spec's list
+// (equal when empty, 0 behind a short list), negative and NaN weights as 0, equal
+// again when none is left above 0, then divided by their sum.
+std::vector<double> mean_weights(const MethodSpec& spec, size_t n, size_t first) {
+    const std::vector<float> fitted = method_weights(spec, n);
     std::vector<double> w(n - first);
     double sum = 0.0;
     for (size_t k = 0; k < w.size(); ++k) {
@@ -161,7 +160,7 @@ void blend_spherical_mean(const BlendCall& call, bool relative, int iterations, 
         std::copy(call.sources[0], call.sources[0] + call.rows * len, call.out);
         return;
     }
-    SphereRows s(mean_weights(call.spec.weights, n, relative ? 1 : 0), len);
+    SphereRows s(mean_weights(call.spec, n, relative ? 1 : 0), len);
     std::vector<float> deltas(relative ? (n - 1) * static_cast<size_t>(len) : 0);
     for (int64_t r = 0; r < call.rows; ++r) {
         const int64_t at = r * len;
@@ -185,7 +184,7 @@ void blend_spherical_mean(const BlendCall& call, bool relative, int iterations, 
 // nuslerp's factor from the donors' weights: w2 / (w1 + w2), 0.5 when that is
 // not a number (a zero sum).
 float nuslerp_factor(const BlendCall& call) {
-    const std::vector<float> w = fit_weights(call.spec.weights, 3, 1.0f);
+    const std::vector<float> w = method_weights(call.spec, 3);
     const float t = w[2] / (w[1] + w[2]);
     return std::isfinite(t) ? t : 0.5f;
 }
@@ -193,13 +192,11 @@ float nuslerp_factor(const BlendCall& call) {
 }  // namespace
 
 void blend_karcher(const BlendCall& call) {
-    const float t = call.spec.t;
-    const float cap = !(t >= 0.0f) ? 0.0f : t > kMaxIterations ? kMaxIterations : t;
-    blend_spherical_mean(call, false, static_cast<int>(cap), kStepTolerance);
+    blend_spherical_mean(call, false, static_cast<int>(method_t(call.spec)), kStepTolerance);
 }
 
 void blend_multislerp(const BlendCall& call) {
-    blend_spherical_mean(call, call.spec.t >= 0.5f, 1, 0.0);
+    blend_spherical_mean(call, method_t(call.spec) >= 0.5f, 1, 0.0);
 }
 
 void blend_nuslerp(const BlendCall& call) {

@@ -10,6 +10,7 @@
 #include "blend/methods.h"
 #include "blend/row_dot.h"
 #include "blend/select_magnitude.h"
+#include "recipe/method_table.h"
 
 namespace tevrin {
 namespace {
@@ -190,10 +191,6 @@ void erase_and_merge(SceScratch& s, const std::vector<float>& w, const float* ba
     }
 }
 
-float clamp_share(float t) {
-    return !(t >= 0.01f) ? 0.01f : t > 1.0f ? 1.0f : t;
-}
-
 }  // namespace
 
 void blend_model_stock(const BlendCall& call) {
@@ -230,7 +227,7 @@ void blend_sce(const BlendCall& call) {
         return copy_base(call);
     }
     const int64_t len = call.row_len;
-    const float share = clamp_share(call.spec.t);
+    const float share = method_t(call.spec);
     const int64_t keep =
         std::max<int64_t>(1, static_cast<int64_t>(std::floor(static_cast<float>(len) * share)));
     SceScratch scratch(donors, len);

@@ -24,6 +24,11 @@ constexpr MethodInfo kMethods[] = {
     {"della", FirstPlace::scalar, 0.4f, true, 1.0f, true, 0.0f, 0.95f, false},
     {"median", FirstPlace::none, 0.5f, false, 1.0f, false, 0.0f, 0.0f, false},
     {"nearswap", FirstPlace::scalar, 0.001f, false, 1.0f, true, 1e-9f, kNoLimit, true},
+    {"model_stock", FirstPlace::none, 0.5f, false, 1.0f, false, 0.0f, 0.0f, false},
+    {"sce", FirstPlace::scalar, 1.0f, false, 1.0f, true, 0.01f, 1.0f, false},
+    {"karcher", FirstPlace::scalar, 10.0f, true, 0.0f, true, 0.0f, 1000.0f, false},
+    {"multislerp", FirstPlace::scalar, 0.0f, true, 0.0f, true, 0.0f, 1.0f, false},
+    {"nuslerp", FirstPlace::weights, 0.5f, false, 1.0f, false, 0.0f, 0.0f, false},
 };
 
 static_assert(std::size(kMethods) == size_t(kMethodCount),

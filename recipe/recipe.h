@@ -24,10 +24,15 @@ enum class BlendMethod : int32_t {
     della = 8,
     median = 9,
     nearswap = 10,
+    model_stock = 11,
+    sce = 12,
+    karcher = 13,
+    multislerp = 14,
+    nuslerp = 15,
 };
 
 // The number of methods: the last enumerator + 1, so it moves with the enum.
-inline constexpr int32_t kMethodCount = int32_t(BlendMethod::nearswap) + 1;
+inline constexpr int32_t kMethodCount = int32_t(BlendMethod::nuslerp) + 1;
 
 // Output tensor type of a run. `type` is a ggml type number and means nothing
 // while `keep` is true (it then holds 43, which must never reach ggml).

@@ -1,4 +1,4 @@
-// Runs one blend kernel directly on rows held in vectors, and compares results with
+// Runs blend_rows on rows held in vectors, and compares results with
 // double-precision references, for the tests of the newer methods.
 #pragma once
 
@@ -7,37 +7,36 @@
 #include <cmath>
 #include <vector>
 
-#include "blend/methods.h"
+#include "blend/blend.h"
 
 namespace tevrin::testing {
 
 using Floats = std::vector<float>;
 using Rows = std::vector<Floats>;
 using Doubles = std::vector<double>;
-using Kernel = void (*)(const BlendCall&);
 
-inline MethodSpec spec_with(float t, Floats weights = {}) {
+inline MethodSpec spec_of(BlendMethod method, float t, Floats weights = {}) {
     MethodSpec spec;
-    spec.t = t, spec.weights = std::move(weights);
+    spec.method = method, spec.t = t, spec.weights = std::move(weights);
     return spec;
 }
 
 // Rows [first, first + rows) of the sources into the same rows of `out`.
-inline void run_range(Kernel kernel, const MethodSpec& spec, const Rows& sources, Floats& out,
-                      int64_t first, int64_t rows, int64_t row_len) {
+inline void run_range(const MethodSpec& spec, const Rows& sources, Floats& out, int64_t first,
+                      int64_t rows, int64_t row_len) {
     std::vector<const float*> at;
     for (const auto& s : sources) {
         at.push_back(s.data() + first * row_len);
     }
-    kernel(BlendCall{spec, 7, first, at, out.data() + first * row_len, rows, row_len});
+    blend_rows(spec, 7, first, at, out.data() + first * row_len, rows, row_len);
 }
 
 // All rows in one call; row_len 0 makes the whole list one row.
-inline Floats run(Kernel kernel, const MethodSpec& spec, const Rows& sources, int64_t row_len = 0) {
+inline Floats run(const MethodSpec& spec, const Rows& sources, int64_t row_len = 0) {
     const auto count = static_cast<int64_t>(sources[0].size());
     row_len = row_len == 0 ? count : row_len;
     Floats out(sources[0].size(), -12345.0f);
-    run_range(kernel, spec, sources, out, 0, count / row_len, row_len);
+    run_range(spec, sources, out, 0, count / row_len, row_len);
     return out;
 }
 

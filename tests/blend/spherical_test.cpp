@@ -1,13 +1,10 @@
 // karcher, multislerp and nuslerp against double-precision references: closed
 // forms on two rows, the fixed-point condition of the spherical mean, one step
-// of that mean written out plainly, and the edges. Also the property all five
-// newer kernels share: rows give the same bytes however they are cut into calls.
+// of that mean written out plainly, and the edges.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 
-#include "blend/methods.h"
 #include "tests/blend/kernel_call.h"
 #include "tests/support/gguf_builder.h"
 
@@ -75,7 +72,7 @@ Doubles wide(const Floats& row) {
 TEST(Karcher, ReachesTheWeightedSphericalMean) {
     const Rows rows = spread_rows(4, 64, 0.6f);
     const Floats weights = {1, 2, 3, 2};
-    const Floats out = run(blend_karcher, spec_with(100, weights), rows);
+    const Floats out = run(spec_of(BlendMethod::karcher, 100, weights), rows);
     // At the mean the weighted log maps cancel; the length is the weighted mean.
     const Doubles mu = unit(wide(out));
     Doubles gradient(64);
@@ -87,13 +84,13 @@ TEST(Karcher, ReachesTheWeightedSphericalMean) {
     EXPECT_LT(length(gradient), 1e-6);
     EXPECT_NEAR(length(wide(out)), scale, 1e-6 * scale);
     // The default 10 steps suffice for rows this close; one step (multislerp) not.
-    EXPECT_EQ(run(blend_karcher, spec_with(10, weights), rows), out);
-    EXPECT_NE(run(blend_karcher, spec_with(1, weights), rows), out);
-    EXPECT_EQ(run(blend_karcher, spec_with(1, weights), rows),
-              run(blend_multislerp, spec_with(0, weights), rows));
+    EXPECT_EQ(run(spec_of(BlendMethod::karcher, 10, weights), rows), out);
+    EXPECT_NE(run(spec_of(BlendMethod::karcher, 1, weights), rows), out);
+    EXPECT_EQ(run(spec_of(BlendMethod::karcher, 1, weights), rows),
+              run(spec_of(BlendMethod::multislerp, 0, weights), rows));
     // No step: the normalised linear mean of the unit rows.
     const Doubles a = wide(rows[0]), b = wide(rows[1]);
-    expect_close(run(blend_karcher, spec_with(0), {rows[0], rows[1]}),
+    expect_close(run(spec_of(BlendMethod::karcher, 0), {rows[0], rows[1]}),
                  mix((length(a) + length(b)) / 2, unit(mix(1, unit(a), 1, unit(b)))));
 }
 
@@ -108,13 +105,13 @@ TEST(SphericalMeans, TwoRowsFollowTheArcAndAverageTheLengths) {
         SCOPED_TRACE(t);
         const Doubles arc = mix(std::sin((1 - t) * theta) / std::sin(theta), a,
                                 std::sin(t * theta) / std::sin(theta), b);
-        expect_close(run(blend_karcher, spec_with(10, {1 - t, t}), rows),
+        expect_close(run(spec_of(BlendMethod::karcher, 10, {1 - t, t}), rows),
                      mix((1 - t) * la + t * lb, arc));
-        expect_close(run(blend_multislerp, spec_with(0, {1 - t, t}), rows),
+        expect_close(run(spec_of(BlendMethod::multislerp, 0, {1 - t, t}), rows),
                      mix((1 - t) * la + t * lb, arc));
         // Rows of equal length: slerp itself, within rounding.
-        expect_close(run(blend_multislerp, spec_with(0, {1 - t, t}), equal),
-                     wide(run(blend_slerp, spec_with(t), equal)));
+        expect_close(run(spec_of(BlendMethod::multislerp, 0, {1 - t, t}), equal),
+                     wide(run(spec_of(BlendMethod::slerp, t), equal)));
     }
 }
 
@@ -127,12 +124,13 @@ TEST(Multislerp, IsOneStepOfTheMeanOnRowsOrOnTaskVectors) {
             deltas.push_back(mix(1, all[k], -1, all[0]));
         }
     }
-    expect_close(run(blend_multislerp, spec_with(0, {1, 3, 2, 2}), rows),
+    expect_close(run(spec_of(BlendMethod::multislerp, 0, {1, 3, 2, 2}), rows),
                  one_step_mean(all, {0.125, 0.375, 0.25, 0.25}));
     // Relative to the base: the base's weight is not read, the rest are normalised.
-    expect_close(run(blend_multislerp, spec_with(1, {9, 2, 1, 1}), rows),
+    expect_close(run(spec_of(BlendMethod::multislerp, 1, {9, 2, 1, 1}), rows),
                  mix(1, all[0], 1, one_step_mean(deltas, {0.5, 0.25, 0.25})));
-    expect_close(run(blend_multislerp, spec_with(1), {rows[0], rows[2]}), all[2]);  // one donor
+    expect_close(run(spec_of(BlendMethod::multislerp, 1), {rows[0], rows[2]}),
+                 all[2]);  // one donor
 }
 
 TEST(SphericalMeans, Edges) {
@@ -161,9 +159,10 @@ TEST(SphericalMeans, Edges) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         if (!c.relative) {
-            expect_close(run(blend_karcher, spec_with(10, c.weights), c.sources), wide(c.expected));
+            expect_close(run(spec_of(BlendMethod::karcher, 10, c.weights), c.sources),
+                         wide(c.expected));
         }
-        expect_close(run(blend_multislerp, spec_with(c.relative, c.weights), c.sources),
+        expect_close(run(spec_of(BlendMethod::multislerp, c.relative, c.weights), c.sources),
                      wide(c.expected));
     }
 }
@@ -182,39 +181,16 @@ TEST(Nuslerp, SlerpsTheTaskVectorsByTheDonorWeights) {
         SCOPED_TRACE(c.t);
         const double x = std::sin((1 - c.t) * theta) / std::sin(theta);
         const double y = std::sin(c.t * theta) / std::sin(theta);
-        expect_close(run(blend_nuslerp, spec_with(0, c.weights), s),
+        expect_close(run(spec_of(BlendMethod::nuslerp, 0, c.weights), s),
                      mix(1, base, 1, mix(x, d1, y, d2)));
     }
-    EXPECT_EQ(run(blend_nuslerp, spec_with(0), {s[0], s[1]}), s[1]);  // one donor
+    EXPECT_EQ(run(spec_of(BlendMethod::nuslerp, 0), {s[0], s[1]}), s[1]);  // one donor
     // Opposite task vectors at 0.5: the base. A zero one: half of the other.
     const Doubles mirrored = mix(1, base, -1, d1);
-    expect_close(
-        run(blend_nuslerp, spec_with(0), {s[0], s[1], Floats(mirrored.begin(), mirrored.end())}),
-        base);
-    expect_close(run(blend_nuslerp, spec_with(0), {s[0], s[0], s[2]}), mix(1, base, 0.5, d2));
-}
-
-TEST(SplitCalls, NewerMethodsGiveTheSameBytesHoweverRowsAreCut) {
-    const int64_t rows = 40, row_len = 300;
-    Rows sources;
-    for (uint64_t s = 0; s < 4; ++s) {
-        sources.push_back(fixture_values(70 + s, rows * row_len));
-    }
-    const std::vector<int64_t> cut = {0, 1, 13, 14, 39, 40};
-    const struct {
-        Kernel kernel;
-        float t;
-    } kernels[] = {{blend_model_stock, 0}, {blend_sce, 0.3f},     {blend_karcher, 10},
-                   {blend_multislerp, 0},  {blend_multislerp, 1}, {blend_nuslerp, 0}};
-    for (const auto& k : kernels) {
-        const MethodSpec spec = spec_with(k.t, {1, 0.5f, 2, 1});
-        Floats whole(sources[0].size()), pieces(sources[0].size(), -1.0f);
-        run_range(k.kernel, spec, sources, whole, 0, rows, row_len);
-        for (size_t c = 0; c + 1 < cut.size(); ++c) {
-            run_range(k.kernel, spec, sources, pieces, cut[c], cut[c + 1] - cut[c], row_len);
-        }
-        EXPECT_EQ(std::memcmp(whole.data(), pieces.data(), whole.size() * 4), 0) << k.t;
-    }
+    expect_close(run(spec_of(BlendMethod::nuslerp, 0),
+                     {s[0], s[1], Floats(mirrored.begin(), mirrored.end())}),
+                 base);
+    expect_close(run(spec_of(BlendMethod::nuslerp, 0), {s[0], s[0], s[2]}), mix(1, base, 0.5, d2));
 }
 
 }  // namespace

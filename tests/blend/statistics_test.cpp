@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "blend/methods.h"
 #include "tests/blend/kernel_call.h"
 #include "tests/support/gguf_builder.h"
 
@@ -95,13 +94,14 @@ TEST(ModelStock, MatchesTheDefinitionPerRow) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const Floats out = run(blend_model_stock, spec_with(0.5f), c.sources, int64_t(c.row_len));
+        const Floats out =
+            run(spec_of(BlendMethod::model_stock, 0.5f), c.sources, int64_t(c.row_len));
         expect_close(out, reference_model_stock(c.sources, c.row_len));
     }
     // The edges that must come out exactly.
-    EXPECT_EQ(run(blend_model_stock, spec_with(0), {base, plus}), plus);
-    EXPECT_EQ(run(blend_model_stock, spec_with(0), {base, plus, minus}), base);
-    EXPECT_EQ(run(blend_model_stock, spec_with(0), {base, base, plus}), base);
+    EXPECT_EQ(run(spec_of(BlendMethod::model_stock, 0), {base, plus}), plus);
+    EXPECT_EQ(run(spec_of(BlendMethod::model_stock, 0), {base, plus, minus}), base);
+    EXPECT_EQ(run(spec_of(BlendMethod::model_stock, 0), {base, base, plus}), base);
 }
 
 // Select by variance across donors (top `share`, ties at the cut stay), weigh
@@ -184,19 +184,19 @@ TEST(Sce, MatchesTheDefinitionPerRow) {
     };
     for (const auto& x : cases) {
         SCOPED_TRACE(x.what);
-        const Floats out = run(blend_sce, spec_with(x.share), x.sources, int64_t(x.row_len));
+        const Floats out = run(spec_of(BlendMethod::sce, x.share), x.sources, int64_t(x.row_len));
         expect_close(out, reference_sce(x.sources, x.share, x.row_len));
     }
-    EXPECT_EQ(run(blend_sce, spec_with(0.5f), {base, a}), a);
-    EXPECT_EQ(run(blend_sce, spec_with(1.0f), {base, a, opposite}), base);
-    EXPECT_EQ(run(blend_sce, spec_with(1.0f), {base, a, cancel})[0], base[0]);
+    EXPECT_EQ(run(spec_of(BlendMethod::sce, 0.5f), {base, a}), a);
+    EXPECT_EQ(run(spec_of(BlendMethod::sce, 1.0f), {base, a, opposite}), base);
+    EXPECT_EQ(run(spec_of(BlendMethod::sce, 1.0f), {base, a, cancel})[0], base[0]);
     // Out-of-range shares act as the nearest end, NaN as the low one.
     for (float t : {-1.0f, std::nanf("")}) {
-        EXPECT_EQ(run(blend_sce, spec_with(t), {base, a, b, c}),
-                  run(blend_sce, spec_with(0.01f), {base, a, b, c}));
+        EXPECT_EQ(run(spec_of(BlendMethod::sce, t), {base, a, b, c}),
+                  run(spec_of(BlendMethod::sce, 0.01f), {base, a, b, c}));
     }
-    EXPECT_EQ(run(blend_sce, spec_with(5.0f), {base, a, b, c}),
-              run(blend_sce, spec_with(1.0f), {base, a, b, c}));
+    EXPECT_EQ(run(spec_of(BlendMethod::sce, 5.0f), {base, a, b, c}),
+              run(spec_of(BlendMethod::sce, 1.0f), {base, a, b, c}));
 }
 
 }  // namespace

@@ -188,7 +188,8 @@ TEST_F(FuseTest, OutputBytesDoNotDependOnThreadCount) {
     const std::string c = model("c.gguf", 2, 3, "llama", GGML_TYPE_F16, 256);
     for (const std::string method :
          {"linear 1,2,3", "slerp 0.3", "ties 0.4", "dare 0.3", "della 0.4", "chaos 0.7",
-          "breadcrumbs 0.8", "task 0.7", "median", "nearswap 0.01", "pick 1"}) {
+          "breadcrumbs 0.8", "task 0.7", "median", "nearswap 0.01", "pick 1", "model_stock",
+          "sce 0.4", "karcher 10 1,2,1", "multislerp 1", "nuslerp 0,1,2"}) {
         SCOPED_TRACE(method);
         std::string first;
         for (int threads : {1, 2, 3, 8}) {

@@ -50,7 +50,10 @@ TEST(RecipeText, MethodPlacesAndSchedules) {
         {"slerp 0.3 1,1", "slerp 0.3 0 0 0 | |"},  {"dare 0.3 ,1,,2,", "dare 0.3 0 0 0 | 1 2 |"},
         {"chaos 0.1>0.5>0.9", "chaos 0.1 0.5 1 0 | |"},  {"pick 1 9", "pick 0.5 0 0 1 | |"},
         {"ties 0.5 >1,1", "ties 0.5 0 1 0 | | 1 1"},  {"della 0.5 1,1>", "della 0.5 0 1 0 | 1 1 |"},
-        {"task 1.0 1,0>0,1", "task 1 0 1 0 | 1 0 | 0 1"},
+        {"task 1.0 1,0>0,1", "task 1 0 1 0 | 1 0 | 0 1"},  {"model_stock 0.2 1,1", "model_stock 0.5 0 0 0 | |"},
+        {"sce", "sce 1 0 0 0 | |"},  {"sce 0.3 1,1", "sce 0.3 0 0 0 | |"},  {"karcher", "karcher 10 0 0 0 | |"},
+        {"karcher 20 1,2", "karcher 20 0 0 0 | 1 2 |"},  {"multislerp", "multislerp 0 0 0 0 | |"},
+        {"multislerp 1 0,1,1", "multislerp 1 0 0 0 | 0 1 1 |"},  {"nuslerp 0,1>0,3", "nuslerp 0.5 0 1 0 | 0 1 | 0 3"},
     };
     // clang-format on
     for (const auto& [expression, expected] : cases) {
