@@ -2,8 +2,12 @@
 // lengths that dominate real models. Items are elements of the output, so a
 // method whose items/s stays flat from 4096 to 14336 scales linearly with row
 // length (the point for ties and breadcrumbs, which select thresholds per row).
+// After the table, model_stock and sce are timed against ties on one pair.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <map>
 #include <utility>
 #include <vector>
@@ -45,7 +49,10 @@ void run_blend(benchmark::State& state, BlendMethod kind) {
     }
     MethodSpec spec;
     spec.method = kind;
-    spec.t = kind == BlendMethod::nearswap ? 0.001f : 0.5f;
+    spec.t = kind == BlendMethod::nearswap     ? 0.001f
+             : kind == BlendMethod::karcher    ? 10.0f
+             : kind == BlendMethod::multislerp ? 0.0f
+                                               : 0.5f;
     std::vector<float> out(static_cast<size_t>(kRows * row_len));
     int64_t first_row = 0;
     for (auto _ : state) {
@@ -57,11 +64,56 @@ void run_blend(benchmark::State& state, BlendMethod kind) {
     state.SetItemsProcessed(state.iterations() * kRows * row_len);
 }
 
+// model_stock and sce against ties on the same pair of sources, timed in turns
+// within one run (so machine load hits all three alike); the target is at most
+// 1.3 times the time of ties. Median of 21 rounds of 8 calls each.
+double median_seconds(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+bool compare_with_ties() {
+    const BlendMethod methods[] = {BlendMethod::ties, BlendMethod::model_stock, BlendMethod::sce};
+    bool ok = true;
+    for (int64_t row_len : {4096, 14336}) {
+        const auto& rows = source_rows(2, row_len);
+        const std::vector<const float*> sources = {rows[0].data(), rows[1].data()};
+        std::vector<float> out(static_cast<size_t>(kRows * row_len));
+        std::vector<double> times[3];
+        for (int round = 0; round < 21; ++round) {
+            for (int m = 0; m < 3; ++m) {
+                MethodSpec spec;
+                spec.method = methods[m];
+                const auto start = std::chrono::steady_clock::now();
+                for (int call = 0; call < 8; ++call) {
+                    blend_rows(spec, 0x5eed, call * kRows, sources, out.data(), kRows, row_len);
+                    benchmark::DoNotOptimize(out.data());
+                }
+                times[m].push_back(
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+                        .count());
+            }
+        }
+        const double ties = median_seconds(times[0]);
+        std::printf("pair, rows of %lld: ties %.2f ms", static_cast<long long>(row_len),
+                    ties * 1e3);
+        for (int m = 1; m < 3; ++m) {
+            const double ratio = median_seconds(times[m]) / ties;
+            std::printf(", %s %.2f ms (%.2fx)", method_word(methods[m]),
+                        median_seconds(times[m]) * 1e3, ratio);
+            ok = ok && ratio <= 1.3;
+        }
+        std::printf("\n");
+    }
+    std::printf("%s\n", ok ? "within target (model_stock, sce <= 1.3x ties)" : "OVER TARGET");
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    for (int m = 0; m <= static_cast<int>(BlendMethod::nearswap); ++m) {
+    for (int m = 0; m < kMethodCount; ++m) {
         const auto kind = static_cast<BlendMethod>(m);
         benchmark::RegisterBenchmark((std::string("blend/") + method_word(kind)).c_str(),
                                      [kind](benchmark::State& state) { run_blend(state, kind); })
@@ -71,5 +123,5 @@ int main(int argc, char** argv) {
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    return 0;
+    return compare_with_ties() ? 0 : 1;
 }

@@ -21,22 +21,16 @@ inline MethodSpec spec_of(BlendMethod method, float t, Floats weights = {}) {
     return spec;
 }
 
-// Rows [first, first + rows) of the sources into the same rows of `out`.
-inline void run_range(const MethodSpec& spec, const Rows& sources, Floats& out, int64_t first,
-                      int64_t rows, int64_t row_len) {
-    std::vector<const float*> at;
-    for (const auto& s : sources) {
-        at.push_back(s.data() + first * row_len);
-    }
-    blend_rows(spec, 7, first, at, out.data() + first * row_len, rows, row_len);
-}
-
 // All rows in one call; row_len 0 makes the whole list one row.
 inline Floats run(const MethodSpec& spec, const Rows& sources, int64_t row_len = 0) {
     const auto count = static_cast<int64_t>(sources[0].size());
     row_len = row_len == 0 ? count : row_len;
+    std::vector<const float*> at;
+    for (const auto& s : sources) {
+        at.push_back(s.data());
+    }
     Floats out(sources[0].size(), -12345.0f);
-    run_range(spec, sources, out, 0, count / row_len, row_len);
+    blend_rows(spec, 7, 0, at, out.data(), count / row_len, row_len);
     return out;
 }
 
@@ -48,8 +42,8 @@ inline double dot(const Doubles& a, const Doubles& b) {
     return s;
 }
 
-inline Doubles widen(const float* row, size_t len) {
-    return Doubles(row, row + len);
+inline Doubles wide(const Floats& row) {
+    return Doubles(row.begin(), row.end());
 }
 
 // Every element within `tolerance` relative to the reference's largest magnitude.

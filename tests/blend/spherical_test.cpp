@@ -65,10 +65,6 @@ Rows spread_rows(size_t count, size_t len, float spread) {
     return rows;
 }
 
-Doubles wide(const Floats& row) {
-    return Doubles(row.begin(), row.end());
-}
-
 TEST(Karcher, ReachesTheWeightedSphericalMean) {
     const Rows rows = spread_rows(4, 64, 0.6f);
     const Floats weights = {1, 2, 3, 2};
@@ -83,9 +79,8 @@ TEST(Karcher, ReachesTheWeightedSphericalMean) {
     }
     EXPECT_LT(length(gradient), 1e-6);
     EXPECT_NEAR(length(wide(out)), scale, 1e-6 * scale);
-    // The default 10 steps suffice for rows this close; one step (multislerp) not.
+    // The default 10 steps suffice for rows this close; one step is multislerp.
     EXPECT_EQ(run(spec_of(BlendMethod::karcher, 10, weights), rows), out);
-    EXPECT_NE(run(spec_of(BlendMethod::karcher, 1, weights), rows), out);
     EXPECT_EQ(run(spec_of(BlendMethod::karcher, 1, weights), rows),
               run(spec_of(BlendMethod::multislerp, 0, weights), rows));
     // No step: the normalised linear mean of the unit rows.
