@@ -20,7 +20,7 @@ constexpr double kStepTolerance = 1e-9;
 // (rows of equal weight pointing opposite ways).
 constexpr double kNoDirection = 1e-6;
 
-// Weights of the mean for the sources from position `first` on: the spec's list
+// Weights of the mean for the sources from position `first` on: the weight list
 // (equal when empty, 0 behind a short list), negative and NaN weights as 0, equal
 // again when none is left above 0, then divided by their sum.
 std::vector<double> mean_weights(const MethodSpec& spec, size_t n, size_t first) {
@@ -208,7 +208,8 @@ void blend_nuslerp(const BlendCall& call) {
         return;
     }
     const int64_t len = call.row_len;
-    MethodSpec slerp_spec = call.spec;
+    MethodSpec slerp_spec;
+    slerp_spec.method = BlendMethod::slerp;
     slerp_spec.t = nuslerp_factor(call);
     std::vector<float> scratch(3 * static_cast<size_t>(len));
     float* d1 = scratch.data();
