@@ -50,6 +50,11 @@ Methods (t is a number, W a weight list such as 1,0.5; a>b is a schedule):
   dare [drop] [W]           random drop and rescale of task vectors
   breadcrumbs [density] [W] keeps a middle band of task-vector values
   della [drop] [W]          drop by magnitude rank, then rescale
+  model_stock               toward the donors' mean as far as they agree
+  sce [share]               keep high-variance elements, weigh, erase signs
+  karcher [steps] [W]       spherical mean of the rows, mean length
+  multislerp [t] [W]        spherical mean in one step; t 1: of task vectors
+  nuslerp [W]               base + slerp of two donors' task vectors
 
 Output words (case-insensitive):
   f32 f16 bf16 q8_0 q6_k q5_k q5_0 q4_k q4_0, or keep (each source type)
