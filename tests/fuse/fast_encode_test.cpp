@@ -1,0 +1,161 @@
+// The vector encoders against the base library: the same bytes for every input
+// kind and row length, and a dispatch that covers only what it should.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <ggml.h>
+
+#include "fuse/fast_encode.h"
+
+namespace tevrin::testing {
+namespace {
+
+constexpr ggml_type kTypes[] = {GGML_TYPE_Q8_0, GGML_TYPE_Q4_K, GGML_TYPE_Q5_K, GGML_TYPE_Q6_K};
+
+using Fill = std::function<float(std::mt19937&, int64_t)>;
+
+std::vector<uint8_t> library_bytes(ggml_type type, const std::vector<float>& x, int64_t rows,
+                                   int64_t row_len) {
+    std::vector<uint8_t> out(ggml_row_size(type, row_len) * size_t(rows));
+    ggml_quantize_chunk(type, x.data(), out.data(), 0, rows, row_len, nullptr);
+    return out;
+}
+
+// Encodes with the vector copy and compares with the library, row by row so a
+// failure names the first row that differs.
+void expect_same_bytes(ggml_type type, const std::vector<float>& x, int64_t rows, int64_t row_len,
+                       const std::string& what) {
+    const size_t row_bytes = ggml_row_size(type, row_len);
+    std::vector<uint8_t> fast(row_bytes * size_t(rows), 0xAB);
+    ASSERT_TRUE(encode_rows_fast(type, x.data(), fast.data(), rows, row_len));
+    const std::vector<uint8_t> ref = library_bytes(type, x, rows, row_len);
+    for (int64_t r = 0; r < rows; ++r) {
+        ASSERT_EQ(0,
+                  std::memcmp(fast.data() + r * row_bytes, ref.data() + r * row_bytes, row_bytes))
+            << ggml_type_name(type) << " " << what << " row " << r << " of length " << row_len;
+    }
+}
+
+float normal(std::mt19937& rng) {
+    return std::normal_distribution<float>(0.0f, 1.0f)(rng);
+}
+
+// Row contents; each gets several rows of two super-blocks.
+const std::vector<std::pair<std::string, Fill>>& fills() {
+    const float inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    static const std::vector<std::pair<std::string, Fill>> table = {
+        {"zeros", [](std::mt19937&, int64_t) { return 0.0f; }},
+        {"negative zeros", [](std::mt19937&, int64_t) { return -0.0f; }},
+        {"constant", [](std::mt19937&, int64_t) { return 0.37f; }},
+        {"negative constant", [](std::mt19937&, int64_t) { return -2.5f; }},
+        {"one large value",
+         [](std::mt19937& g, int64_t i) { return i == 77 ? 1e4f : 0.01f * normal(g); }},
+        {"one huge value", [](std::mt19937& g, int64_t i) { return i == 300 ? 3e38f : normal(g); }},
+        {"denormals", [](std::mt19937& g, int64_t) { return std::ldexp(normal(g), -135); }},
+        {"near the smallest normal",
+         [](std::mt19937& g, int64_t) { return std::ldexp(normal(g), -120); }},
+        {"infinities", [inf](std::mt19937& g,
+                             int64_t i) { return i % 97 == 5 ? (i % 2 ? inf : -inf) : normal(g); }},
+        {"NaN", [nan](std::mt19937& g, int64_t i) { return i % 131 == 7 ? nan : normal(g); }},
+        {"NaN last in a block",
+         [nan](std::mt19937& g, int64_t i) { return i % 256 == 255 ? nan : normal(g); }},
+        {"halves", [](std::mt19937& g, int64_t) { return 0.5f * float(int(g() % 64) - 32); }},
+        {"few levels", [](std::mt19937& g, int64_t) { return float(g() % 3); }},
+        {"positive only", [](std::mt19937& g, int64_t) { return std::fabs(normal(g)) + 1.0f; }},
+        {"skewed", [](std::mt19937& g, int64_t) { return std::exp(2.0f * normal(g)) - 1.0f; }},
+    };
+    return table;
+}
+
+TEST(FastEncode, SameBytesAsTheLibraryForEveryInputKind) {
+    if (!fast_encode_covers(GGML_TYPE_Q8_0)) {
+        GTEST_SKIP() << "no AVX2 on this CPU";
+    }
+    constexpr int64_t rows = 6;
+    constexpr int64_t row_len = 512;
+    for (ggml_type type : kTypes) {
+        for (const auto& [what, fill] : fills()) {
+            std::mt19937 rng(11);
+            std::vector<float> x(size_t(rows * row_len));
+            for (int64_t i = 0; i < rows * row_len; ++i) {
+                x[size_t(i)] = fill(rng, i);
+            }
+            expect_same_bytes(type, x, rows, row_len, what);
+        }
+    }
+}
+
+// Gaussian rows at magnitudes from subnormal to near the float maximum, mixed
+// within a row and alone, and every row length up to four super-blocks.
+TEST(FastEncode, SameBytesAcrossScalesAndRowLengths) {
+    if (!fast_encode_covers(GGML_TYPE_Q8_0)) {
+        GTEST_SKIP() << "no AVX2 on this CPU";
+    }
+    std::mt19937 rng(5);
+    for (ggml_type type : kTypes) {
+        const int64_t block = ggml_blck_size(type);
+        for (int exponent = -140; exponent <= 120; exponent += 4) {
+            const int64_t rows = 3;
+            const int64_t row_len = 2 * block;
+            std::vector<float> x(size_t(rows * row_len));
+            for (size_t i = 0; i < x.size(); ++i) {
+                const int e = i < x.size() / 2 ? exponent : exponent + int(rng() % 9) - 4;
+                x[i] = std::ldexp(normal(rng), e);
+            }
+            expect_same_bytes(type, x, rows, row_len, "scale 2^" + std::to_string(exponent));
+        }
+        for (int64_t row_len = block; row_len <= 4 * 256; row_len += block) {
+            std::vector<float> x(size_t(3 * row_len));
+            for (float& v : x) {
+                v = normal(rng) * 0.02f;
+            }
+            expect_same_bytes(type, x, 3, row_len, "gaussian");
+        }
+    }
+}
+
+TEST(FastEncode, CoversOnlyItsTypesAndWholeBlocks) {
+    std::vector<float> x(1024, 1.0f);
+    std::vector<uint8_t> out(4096, 0xAB);
+    const bool vector_cpu = fast_encode_covers(GGML_TYPE_Q8_0);
+    struct Case {
+        ggml_type type;
+        int64_t row_len;
+        VectorUse use;
+        bool covered;
+    };
+    const Case cases[] = {
+        {GGML_TYPE_Q8_0, 64, VectorUse::if_available, vector_cpu},
+        {GGML_TYPE_Q4_K, 256, VectorUse::if_available, vector_cpu},
+        {GGML_TYPE_Q6_K, 512, VectorUse::if_available, vector_cpu},
+        {GGML_TYPE_Q4_K, 256, VectorUse::never, false},
+        {GGML_TYPE_Q8_0, 64, VectorUse::never, false},
+        {GGML_TYPE_Q4_K, 288, VectorUse::if_available, false},
+        {GGML_TYPE_Q8_0, 48, VectorUse::if_available, false},
+        {GGML_TYPE_Q4_0, 64, VectorUse::if_available, false},
+        {GGML_TYPE_F16, 64, VectorUse::if_available, false},
+        {GGML_TYPE_Q2_K, 256, VectorUse::if_available, false},
+    };
+    for (const Case& c : cases) {
+        std::fill(out.begin(), out.end(), 0xAB);
+        EXPECT_EQ(c.covered, encode_rows_fast(c.type, x.data(), out.data(), 2, c.row_len, c.use))
+            << ggml_type_name(c.type) << " row length " << c.row_len;
+        EXPECT_EQ(c.covered, fast_encode_covers(c.type) &&
+                                 c.row_len % ggml_blck_size(c.type) == 0 &&
+                                 c.use == VectorUse::if_available);
+        if (!c.covered) {
+            EXPECT_EQ(out, std::vector<uint8_t>(4096, 0xAB)) << "wrote though it declined";
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tevrin::testing
