@@ -32,106 +32,150 @@ struct SubBlockFit {
     int32_t levels[kSub][8];
 };
 
-TEVRIN_AVX2 __m256 level_error(const __m256* xt, const __m256* w, const __m256i* levels,
-                               __m256 scale, __m256 min) {
-    __m256 error = _mm256_setzero_ps();
+// G super-blocks run side by side: every sum is a chain of 32 dependent adds,
+// and independent chains keep the adder busy. Each chain is still one lane's
+// sum in the library's order.
+template <int G>
+struct Lanes {
+    __m256 v[G];
+};
+
+// Levels are kept as floats (small whole numbers, exact), the form the sums use.
+template <int G>
+TEVRIN_AVX2 __m256 level_of(__m256 x, __m256 iscale, __m256 min, int nmax) {
+    const __m256i l = clamp8(nearest_int8(_mm256_mul_ps(iscale, _mm256_sub_ps(x, min))), 0, nmax);
+    return _mm256_cvtepi32_ps(l);
+}
+
+template <int G>
+TEVRIN_AVX2 Lanes<G> level_error(const __m256 (*xt)[G], const __m256 (*w)[G],
+                                 const __m256 (*levels)[G], const Lanes<G>& scale,
+                                 const Lanes<G>& min) {
+    Lanes<G> error;
+    for (int g = 0; g < G; ++g) {
+        error.v[g] = _mm256_setzero_ps();
+    }
     for (int i = 0; i < kSub; ++i) {
-        __m256 diff = _mm256_add_ps(_mm256_mul_ps(scale, _mm256_cvtepi32_ps(levels[i])), min);
-        diff = _mm256_sub_ps(diff, xt[i]);
-        error = _mm256_add_ps(error, _mm256_mul_ps(w[i], _mm256_mul_ps(diff, diff)));
+#pragma GCC unroll 4
+        for (int g = 0; g < G; ++g) {
+            const __m256 diff = _mm256_sub_ps(
+                _mm256_add_ps(_mm256_mul_ps(scale.v[g], levels[i][g]), min.v[g]), xt[i][g]);
+            error.v[g] =
+                _mm256_add_ps(error.v[g], _mm256_mul_ps(w[i][g], _mm256_mul_ps(diff, diff)));
+        }
     }
     return error;
 }
 
-TEVRIN_AVX2 void quantize_levels(const __m256* xt, __m256 iscale, __m256 min, int nmax,
-                                 __m256i* levels) {
-    for (int i = 0; i < kSub; ++i) {
-        levels[i] = clamp8(nearest_int8(_mm256_mul_ps(iscale, _mm256_sub_ps(xt[i], min))), 0, nmax);
-    }
-}
-
-// The weighted scale and minimum search of the base library for eight
-// sub-blocks of 32 at once.
-TEVRIN_AVX2 void fit_sub_blocks(const float* x, const SearchShape& shape, SubBlockFit& fit) {
+// The weighted scale and minimum search of the base library for the eight
+// sub-blocks of 32 of each of G super-blocks.
+template <int G>
+TEVRIN_AVX2 void fit_sub_blocks(const float* const* x, const SearchShape& shape, SubBlockFit* fit) {
     const __m256i lanes = _mm256_setr_epi32(0, 32, 64, 96, 128, 160, 192, 224);
     const __m256 zero = _mm256_setzero_ps();
-    __m256 xt[kSub];
-    __m256 w[kSub];
-    __m256 sum_x2 = zero;
-    for (int i = 0; i < kSub; ++i) {
-        xt[i] = _mm256_i32gather_ps(x + i, lanes, 4);
-        sum_x2 = _mm256_add_ps(sum_x2, _mm256_mul_ps(xt[i], xt[i]));
-    }
-    const __m256 av_x = _mm256_sqrt_ps(_mm256_div_ps(sum_x2, _mm256_set1_ps(32.0f)));
-    for (int i = 0; i < kSub; ++i) {
-        w[i] = _mm256_add_ps(av_x, abs8(xt[i]));
-    }
-    __m256 min = xt[0];
-    __m256 max = xt[0];
-    __m256 sum_w = w[0];
-    __m256 sum_x = _mm256_mul_ps(sum_w, xt[0]);
-    for (int i = 1; i < kSub; ++i) {
-        min = _mm256_min_ps(xt[i], min);  // xt < min ? xt : min, as the library compares
-        max = _mm256_max_ps(xt[i], max);
-        sum_w = _mm256_add_ps(sum_w, w[i]);
-        sum_x = _mm256_add_ps(sum_x, _mm256_mul_ps(w[i], xt[i]));
-    }
-    min = _mm256_blendv_ps(min, zero, _mm256_cmp_ps(min, zero, _CMP_GT_OQ));
-    const __m256 flat = _mm256_cmp_ps(max, min, _CMP_EQ_OQ);
-    const __m256 first_min = min;
     const int nmax = shape.nmax;
+    __m256 xt[kSub][G];
+    __m256 w[kSub][G];
+    Lanes<G> min, max, sum_w, sum_x, flat, first_min, iscale, scale;
+    for (int g = 0; g < G; ++g) {
+        __m256 sum_x2 = zero;
+        for (int i = 0; i < kSub; ++i) {
+            xt[i][g] = _mm256_i32gather_ps(x[g] + i, lanes, 4);
+            sum_x2 = _mm256_add_ps(sum_x2, _mm256_mul_ps(xt[i][g], xt[i][g]));
+        }
+        const __m256 av_x = _mm256_sqrt_ps(_mm256_div_ps(sum_x2, _mm256_set1_ps(32.0f)));
+        for (int i = 0; i < kSub; ++i) {
+            w[i][g] = _mm256_add_ps(av_x, abs8(xt[i][g]));
+        }
+        __m256 lo = xt[0][g];
+        __m256 hi = xt[0][g];
+        __m256 sw = w[0][g];
+        __m256 sx = _mm256_mul_ps(sw, xt[0][g]);
+        for (int i = 1; i < kSub; ++i) {
+            lo = _mm256_min_ps(xt[i][g], lo);  // xt < lo ? xt : lo, as the library compares
+            hi = _mm256_max_ps(xt[i][g], hi);
+            sw = _mm256_add_ps(sw, w[i][g]);
+            sx = _mm256_add_ps(sx, _mm256_mul_ps(w[i][g], xt[i][g]));
+        }
+        lo = _mm256_blendv_ps(lo, zero, _mm256_cmp_ps(lo, zero, _CMP_GT_OQ));
+        min.v[g] = lo;
+        max.v[g] = hi;
+        sum_w.v[g] = sw;
+        sum_x.v[g] = sx;
+        flat.v[g] = _mm256_cmp_ps(hi, lo, _CMP_EQ_OQ);
+        first_min.v[g] = lo;
+        iscale.v[g] = _mm256_div_ps(_mm256_set1_ps(float(nmax)), _mm256_sub_ps(hi, lo));
+        scale.v[g] = _mm256_div_ps(_mm256_set1_ps(1.0f), iscale.v[g]);
+    }
+    __m256 best_levels[kSub][G];
+    for (int i = 0; i < kSub; ++i) {
+        for (int g = 0; g < G; ++g) {
+            best_levels[i][g] = level_of<G>(xt[i][g], iscale.v[g], min.v[g], nmax);
+        }
+    }
+    Lanes<G> best_error = level_error<G>(xt, w, best_levels, scale, min);
 
-    // Each trial scales from the best minimum found so far, as in the library.
-    __m256 iscale = _mm256_div_ps(_mm256_set1_ps(float(nmax)), _mm256_sub_ps(max, min));
-    __m256 scale = _mm256_div_ps(_mm256_set1_ps(1.0f), iscale);
-    __m256i best_levels[kSub];
-    quantize_levels(xt, iscale, min, nmax, best_levels);
-    __m256 best_error = level_error(xt, w, best_levels, scale, min);
-
-    __m256i trial[kSub];
+    __m256 trial[kSub][G];
     for (int is = 0; is <= shape.nstep; ++is) {
-        const float numerator = shape.rmin + shape.rdelta * float(is) + float(nmax);
-        iscale = _mm256_div_ps(_mm256_set1_ps(numerator), _mm256_sub_ps(max, min));
-        quantize_levels(xt, iscale, min, nmax, trial);
-        __m256 sum_l = zero;
-        __m256 sum_l2 = zero;
-        __m256 sum_xl = zero;
+        // Each trial scales from the best minimum found so far, as in the library.
+        const __m256 numerator =
+            _mm256_set1_ps(shape.rmin + shape.rdelta * float(is) + float(nmax));
+        for (int g = 0; g < G; ++g) {
+            iscale.v[g] = _mm256_div_ps(numerator, _mm256_sub_ps(max.v[g], min.v[g]));
+        }
+        Lanes<G> sum_l, sum_l2, sum_xl, this_scale, this_min;
+        for (int g = 0; g < G; ++g) {
+            sum_l.v[g] = sum_l2.v[g] = sum_xl.v[g] = zero;
+        }
         for (int i = 0; i < kSub; ++i) {
-            const __m256 l = _mm256_cvtepi32_ps(trial[i]);
-            const __m256 wl = _mm256_mul_ps(w[i], l);
-            sum_l = _mm256_add_ps(sum_l, wl);
-            sum_l2 = _mm256_add_ps(sum_l2, _mm256_mul_ps(wl, l));
-            sum_xl = _mm256_add_ps(sum_xl, _mm256_mul_ps(wl, xt[i]));
+#pragma GCC unroll 4
+            for (int g = 0; g < G; ++g) {
+                const __m256 l = level_of<G>(xt[i][g], iscale.v[g], min.v[g], nmax);
+                trial[i][g] = l;
+                const __m256 wl = _mm256_mul_ps(w[i][g], l);
+                sum_l.v[g] = _mm256_add_ps(sum_l.v[g], wl);
+                sum_l2.v[g] = _mm256_add_ps(sum_l2.v[g], _mm256_mul_ps(wl, l));
+                sum_xl.v[g] = _mm256_add_ps(sum_xl.v[g], _mm256_mul_ps(wl, xt[i][g]));
+            }
         }
-        const __m256 det = _mm256_sub_ps(_mm256_mul_ps(sum_w, sum_l2), _mm256_mul_ps(sum_l, sum_l));
-        __m256 this_scale = _mm256_div_ps(
-            _mm256_sub_ps(_mm256_mul_ps(sum_w, sum_xl), _mm256_mul_ps(sum_x, sum_l)), det);
-        __m256 this_min = _mm256_div_ps(
-            _mm256_sub_ps(_mm256_mul_ps(sum_l2, sum_x), _mm256_mul_ps(sum_l, sum_xl)), det);
-        const __m256 above = _mm256_cmp_ps(this_min, zero, _CMP_GT_OQ);
-        this_min = _mm256_blendv_ps(this_min, zero, above);
-        this_scale = _mm256_blendv_ps(this_scale, _mm256_div_ps(sum_xl, sum_l2), above);
-        const __m256 error = level_error(xt, w, trial, this_scale, this_min);
-        const __m256 better = _mm256_and_ps(_mm256_cmp_ps(det, zero, _CMP_GT_OQ),
-                                            _mm256_cmp_ps(error, best_error, _CMP_LT_OQ));
-        if (_mm256_movemask_ps(better) == 0) {
-            continue;
+        Lanes<G> det;
+        for (int g = 0; g < G; ++g) {
+            const __m256 sl = sum_l.v[g], sl2 = sum_l2.v[g], sxl = sum_xl.v[g];
+            det.v[g] = _mm256_sub_ps(_mm256_mul_ps(sum_w.v[g], sl2), _mm256_mul_ps(sl, sl));
+            __m256 ts = _mm256_div_ps(
+                _mm256_sub_ps(_mm256_mul_ps(sum_w.v[g], sxl), _mm256_mul_ps(sum_x.v[g], sl)),
+                det.v[g]);
+            __m256 tm = _mm256_div_ps(
+                _mm256_sub_ps(_mm256_mul_ps(sl2, sum_x.v[g]), _mm256_mul_ps(sl, sxl)), det.v[g]);
+            const __m256 above = _mm256_cmp_ps(tm, zero, _CMP_GT_OQ);
+            this_min.v[g] = _mm256_blendv_ps(tm, zero, above);
+            this_scale.v[g] = _mm256_blendv_ps(ts, _mm256_div_ps(sxl, sl2), above);
         }
-        const __m256i take = _mm256_castps_si256(better);
-        for (int i = 0; i < kSub; ++i) {
-            best_levels[i] = _mm256_blendv_epi8(best_levels[i], trial[i], take);
+        const Lanes<G> error = level_error<G>(xt, w, trial, this_scale, this_min);
+        for (int g = 0; g < G; ++g) {
+            const __m256 better =
+                _mm256_and_ps(_mm256_cmp_ps(det.v[g], zero, _CMP_GT_OQ),
+                              _mm256_cmp_ps(error.v[g], best_error.v[g], _CMP_LT_OQ));
+            if (_mm256_movemask_ps(better) == 0) {
+                continue;
+            }
+            for (int i = 0; i < kSub; ++i) {
+                best_levels[i][g] = _mm256_blendv_ps(best_levels[i][g], trial[i][g], better);
+            }
+            best_error.v[g] = _mm256_blendv_ps(best_error.v[g], error.v[g], better);
+            scale.v[g] = _mm256_blendv_ps(scale.v[g], this_scale.v[g], better);
+            min.v[g] = _mm256_blendv_ps(min.v[g], this_min.v[g], better);
         }
-        best_error = _mm256_blendv_ps(best_error, error, better);
-        scale = _mm256_blendv_ps(scale, this_scale, better);
-        min = _mm256_blendv_ps(min, this_min, better);
     }
     // A flat sub-block keeps level 0, scale 0 and its first minimum.
-    _mm256_storeu_ps(fit.scale, _mm256_blendv_ps(scale, zero, flat));
-    min = _mm256_blendv_ps(min, first_min, flat);
-    _mm256_storeu_ps(fit.min, _mm256_xor_ps(min, _mm256_set1_ps(-0.0f)));
-    for (int i = 0; i < kSub; ++i) {
-        const __m256i kept = _mm256_andnot_si256(_mm256_castps_si256(flat), best_levels[i]);
-        _mm256_storeu_si256((__m256i*)fit.levels[i], kept);
+    for (int g = 0; g < G; ++g) {
+        _mm256_storeu_ps(fit[g].scale, _mm256_blendv_ps(scale.v[g], zero, flat.v[g]));
+        const __m256 kept_min = _mm256_blendv_ps(min.v[g], first_min.v[g], flat.v[g]);
+        _mm256_storeu_ps(fit[g].min, _mm256_xor_ps(kept_min, _mm256_set1_ps(-0.0f)));
+        for (int i = 0; i < kSub; ++i) {
+            const __m256 kept = _mm256_andnot_ps(flat.v[g], best_levels[i][g]);
+            _mm256_storeu_si256((__m256i*)fit[g].levels[i], _mm256_cvttps_epi32(kept));
+        }
     }
 }
 
@@ -214,9 +258,7 @@ void write_header(uint8_t* out, const SuperScales& s) {
     std::memcpy(out + 4, s.packed, sizeof s.packed);
 }
 
-TEVRIN_AVX2 void encode_q4_k_super(const float* x, uint8_t* out) {
-    SubBlockFit fit;
-    fit_sub_blocks(x, kQ4Shape, fit);
+TEVRIN_AVX2 void finish_q4_k(const float* x, const SubBlockFit& fit, uint8_t* out) {
     const SuperScales s = pack_scales(fit);
     uint8_t levels[kSuper];
     final_levels(x, fit, s, kQ4Shape.nmax, levels);
@@ -229,9 +271,7 @@ TEVRIN_AVX2 void encode_q4_k_super(const float* x, uint8_t* out) {
     }
 }
 
-TEVRIN_AVX2 void encode_q5_k_super(const float* x, uint8_t* out) {
-    SubBlockFit fit;
-    fit_sub_blocks(x, kQ5Shape, fit);
+TEVRIN_AVX2 void finish_q5_k(const float* x, const SubBlockFit& fit, uint8_t* out) {
     const SuperScales s = pack_scales(fit);
     uint8_t levels[kSuper];
     final_levels(x, fit, s, kQ5Shape.nmax, levels);
@@ -260,28 +300,53 @@ TEVRIN_AVX2 void encode_q5_k_super(const float* x, uint8_t* out) {
     }
 }
 
-}  // namespace
-
-__attribute__((target("avx2,f16c"))) void encode_q4_k_avx2(const float* x, uint8_t* out,
-                                                           int64_t blocks) {
-    for (int64_t b = 0; b < blocks; ++b, x += kSuper, out += 144) {
-        if (all_finite(x, kSuper)) {
-            encode_q4_k_super(x, out);
+template <int G, bool Five>
+TEVRIN_AVX2 void encode_group(const float* x, uint8_t* out) {
+    constexpr int64_t bytes = Five ? 176 : 144;
+    const float* starts[G];
+    for (int g = 0; g < G; ++g) {
+        starts[g] = x + kSuper * g;
+    }
+    SubBlockFit fit[G];
+    fit_sub_blocks<G>(starts, Five ? kQ5Shape : kQ4Shape, fit);
+    for (int g = 0; g < G; ++g) {
+        if (Five) {
+            finish_q5_k(starts[g], fit[g], out + bytes * g);
         } else {
-            encode_block_with_library(GGML_TYPE_Q4_K, x, out, kSuper);
+            finish_q4_k(starts[g], fit[g], out + bytes * g);
         }
     }
 }
 
+// Two super-blocks at a time where both are finite, else one.
+template <bool Five>
+TEVRIN_AVX2 void encode_k(const float* x, uint8_t* out, int64_t blocks) {
+    constexpr int64_t bytes = Five ? 176 : 144;
+    for (int64_t b = 0; b < blocks;) {
+        if (b + 1 < blocks && all_finite(x, 2 * kSuper)) {
+            encode_group<2, Five>(x, out);
+            b += 2, x += 2 * kSuper, out += 2 * bytes;
+            continue;
+        }
+        if (all_finite(x, kSuper)) {
+            encode_group<1, Five>(x, out);
+        } else {
+            encode_block_with_library(Five ? GGML_TYPE_Q5_K : GGML_TYPE_Q4_K, x, out, kSuper);
+        }
+        b += 1, x += kSuper, out += bytes;
+    }
+}
+
+}  // namespace
+
+__attribute__((target("avx2,f16c"))) void encode_q4_k_avx2(const float* x, uint8_t* out,
+                                                           int64_t blocks) {
+    encode_k<false>(x, out, blocks);
+}
+
 __attribute__((target("avx2,f16c"))) void encode_q5_k_avx2(const float* x, uint8_t* out,
                                                            int64_t blocks) {
-    for (int64_t b = 0; b < blocks; ++b, x += kSuper, out += 176) {
-        if (all_finite(x, kSuper)) {
-            encode_q5_k_super(x, out);
-        } else {
-            encode_block_with_library(GGML_TYPE_Q5_K, x, out, kSuper);
-        }
-    }
+    encode_k<true>(x, out, blocks);
 }
 #endif
 

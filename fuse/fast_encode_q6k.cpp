@@ -24,83 +24,100 @@ struct SignedFit {
     int32_t levels[kSub][8];  // 0 to 63
 };
 
-TEVRIN_AVX2 __m256i signed_levels(__m256 x, __m256 iscale) {
-    return clamp8(nearest_int8(_mm256_mul_ps(iscale, x)), -kNmax, kNmax - 1);
+TEVRIN_AVX2 __m256 signed_level(__m256 x, __m256 iscale) {
+    return _mm256_cvtepi32_ps(clamp8(nearest_int8(_mm256_mul_ps(iscale, x)), -kNmax, kNmax - 1));
 }
 
-// Weighted sums of one trial scale: sum of w*x*l and of w*l*l with w = x*x.
-TEVRIN_AVX2 void trial_sums(const __m256* xt, const __m256i* l, __m256& sumlx, __m256& suml2) {
-    sumlx = _mm256_setzero_ps();
-    suml2 = _mm256_setzero_ps();
+constexpr int G = 2;
+
+// One pass at scale numerator / max: levels and the sums of w*x*l and w*l*l.
+TEVRIN_AVX2 void run_trial(const __m256 (*xt)[G], const __m256 (*w)[G], const __m256 (*wx)[G],
+                           const __m256* max, float numerator, __m256 (*l)[G], __m256* sumlx,
+                           __m256* suml2) {
+    __m256 iscale[G];
+    for (int g = 0; g < G; ++g) {
+        iscale[g] = _mm256_div_ps(_mm256_set1_ps(numerator), max[g]);
+        sumlx[g] = _mm256_setzero_ps();
+        suml2[g] = _mm256_setzero_ps();
+    }
     for (int i = 0; i < kSub; ++i) {
-        const __m256 lf = _mm256_cvtepi32_ps(l[i]);
-        const __m256 w = _mm256_mul_ps(xt[i], xt[i]);
-        sumlx = _mm256_add_ps(sumlx, _mm256_mul_ps(_mm256_mul_ps(w, xt[i]), lf));
-        suml2 = _mm256_add_ps(suml2, _mm256_mul_ps(_mm256_mul_ps(w, lf), lf));
+#pragma GCC unroll 2
+        for (int g = 0; g < G; ++g) {
+            const __m256 lf = signed_level(xt[i][g], iscale[g]);
+            l[i][g] = lf;
+            sumlx[g] = _mm256_add_ps(sumlx[g], _mm256_mul_ps(wx[i][g], lf));
+            suml2[g] = _mm256_add_ps(suml2[g], _mm256_mul_ps(_mm256_mul_ps(w[i][g], lf), lf));
+        }
     }
 }
 
-// The library's signed scale search for eight sub-blocks of 16 starting at x.
-TEVRIN_AVX2 void fit_signed(const float* x, SignedFit& fit) {
+// The library's signed scale search for the sixteen sub-blocks of a super-block:
+// two vectors of eight lanes, run side by side to keep two chains of sums busy.
+// Levels are kept as floats (small whole numbers, exact), the form the sums use.
+TEVRIN_AVX2 void fit_signed(const float* x, SignedFit* fit) {
     const __m256i lanes = _mm256_setr_epi32(0, 16, 32, 48, 64, 80, 96, 112);
     const __m256 zero = _mm256_setzero_ps();
-    __m256 xt[kSub];
-    __m256 amax = zero;
-    __m256 max = zero;
-    for (int i = 0; i < kSub; ++i) {
-        xt[i] = _mm256_i32gather_ps(x + i, lanes, 4);
-        const __m256 ax = abs8(xt[i]);
-        const __m256 larger = _mm256_cmp_ps(ax, amax, _CMP_GT_OQ);
-        amax = _mm256_blendv_ps(amax, ax, larger);
-        max = _mm256_blendv_ps(max, xt[i], larger);
+    __m256 xt[kSub][G];
+    __m256 w[kSub][G];   // x * x
+    __m256 wx[kSub][G];  // x * x * x, the first product of the library's w*x*l
+    __m256 max[G], all_zero[G], scale[G], best[G];
+    __m256 l[kSub][G];
+    __m256 best_levels[kSub][G];
+    __m256 sumlx[G], suml2[G];
+    for (int g = 0; g < G; ++g) {
+        __m256 amax = zero;
+        max[g] = zero;
+        for (int i = 0; i < kSub; ++i) {
+            const __m256 v = _mm256_i32gather_ps(x + 128 * g + i, lanes, 4);
+            xt[i][g] = v;
+            w[i][g] = _mm256_mul_ps(v, v);
+            wx[i][g] = _mm256_mul_ps(w[i][g], v);
+            const __m256 ax = abs8(v);
+            const __m256 larger = _mm256_cmp_ps(ax, amax, _CMP_GT_OQ);
+            amax = _mm256_blendv_ps(amax, ax, larger);
+            max[g] = _mm256_blendv_ps(max[g], v, larger);
+        }
+        all_zero[g] = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZero), _CMP_LT_OQ);
     }
-    const __m256 all_zero = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZero), _CMP_LT_OQ);
-
-    __m256 iscale = _mm256_div_ps(_mm256_set1_ps(float(-kNmax)), max);
-    __m256i l[kSub];
-    for (int i = 0; i < kSub; ++i) {
-        l[i] = signed_levels(xt[i], iscale);
+    // The first pass scales by nmax itself; the trials from nmax - 0.9 to nmax + 0.9.
+    run_trial(xt, w, wx, max, float(-kNmax), l, sumlx, suml2);
+    for (int g = 0; g < G; ++g) {
+        // `suml2 ? sumlx / suml2 : 0`: a NaN counts as true
+        scale[g] = _mm256_and_ps(_mm256_div_ps(sumlx[g], suml2[g]),
+                                 _mm256_cmp_ps(suml2[g], zero, _CMP_NEQ_UQ));
+        best[g] = _mm256_mul_ps(scale[g], sumlx[g]);
+        for (int i = 0; i < kSub; ++i) {
+            best_levels[i][g] = l[i][g];
+        }
     }
-    __m256i best_levels[kSub];
-    for (int i = 0; i < kSub; ++i) {
-        best_levels[i] = l[i];
-    }
-    __m256 sumlx;
-    __m256 suml2;
-    trial_sums(xt, l, sumlx, suml2);
-    // `suml2 ? sumlx / suml2 : 0`: a NaN counts as true
-    __m256 scale =
-        _mm256_and_ps(_mm256_div_ps(sumlx, suml2), _mm256_cmp_ps(suml2, zero, _CMP_NEQ_UQ));
-    __m256 best = _mm256_mul_ps(scale, sumlx);
     for (int is = -9; is <= 9; ++is) {
         if (is == 0) {
             continue;
         }
-        const float numerator = -(float(kNmax) + 0.1f * float(is));
-        iscale = _mm256_div_ps(_mm256_set1_ps(numerator), max);
-        for (int i = 0; i < kSub; ++i) {
-            l[i] = signed_levels(xt[i], iscale);
+        run_trial(xt, w, wx, max, -(float(kNmax) + 0.1f * float(is)), l, sumlx, suml2);
+        for (int g = 0; g < G; ++g) {
+            const __m256 better =
+                _mm256_and_ps(_mm256_cmp_ps(suml2[g], zero, _CMP_GT_OQ),
+                              _mm256_cmp_ps(_mm256_mul_ps(sumlx[g], sumlx[g]),
+                                            _mm256_mul_ps(best[g], suml2[g]), _CMP_GT_OQ));
+            if (_mm256_movemask_ps(better) == 0) {
+                continue;
+            }
+            for (int i = 0; i < kSub; ++i) {
+                best_levels[i][g] = _mm256_blendv_ps(best_levels[i][g], l[i][g], better);
+            }
+            scale[g] = _mm256_blendv_ps(scale[g], _mm256_div_ps(sumlx[g], suml2[g]), better);
+            best[g] = _mm256_blendv_ps(best[g], _mm256_mul_ps(scale[g], sumlx[g]), better);
         }
-        trial_sums(xt, l, sumlx, suml2);
-        const __m256 better = _mm256_and_ps(
-            _mm256_cmp_ps(suml2, zero, _CMP_GT_OQ),
-            _mm256_cmp_ps(_mm256_mul_ps(sumlx, sumlx), _mm256_mul_ps(best, suml2), _CMP_GT_OQ));
-        if (_mm256_movemask_ps(better) == 0) {
-            continue;
-        }
-        const __m256i take = _mm256_castps_si256(better);
-        for (int i = 0; i < kSub; ++i) {
-            best_levels[i] = _mm256_blendv_epi8(best_levels[i], l[i], take);
-        }
-        scale = _mm256_blendv_ps(scale, _mm256_div_ps(sumlx, suml2), better);
-        best = _mm256_blendv_ps(best, _mm256_mul_ps(scale, sumlx), better);
     }
-    _mm256_storeu_ps(fit.scale, _mm256_blendv_ps(scale, zero, all_zero));
-    const __m256i offset = _mm256_set1_epi32(kNmax);
-    for (int i = 0; i < kSub; ++i) {
-        const __m256i level = _mm256_add_epi32(best_levels[i], offset);
-        _mm256_storeu_si256((__m256i*)fit.levels[i],
-                            _mm256_andnot_si256(_mm256_castps_si256(all_zero), level));
+    const __m256 offset = _mm256_set1_ps(float(kNmax));
+    for (int g = 0; g < G; ++g) {
+        _mm256_storeu_ps(fit[g].scale, _mm256_blendv_ps(scale[g], zero, all_zero[g]));
+        for (int i = 0; i < kSub; ++i) {
+            const __m256 level =
+                _mm256_andnot_ps(all_zero[g], _mm256_add_ps(best_levels[i][g], offset));
+            _mm256_storeu_si256((__m256i*)fit[g].levels[i], _mm256_cvttps_epi32(level));
+        }
     }
 }
 
@@ -123,8 +140,7 @@ void pack_q6_k(const int8_t* levels, uint8_t* out) {
 
 TEVRIN_AVX2 void encode_q6_k_super(const float* x, uint8_t* out) {
     SignedFit fits[2];
-    fit_signed(x, fits[0]);
-    fit_signed(x + 128, fits[1]);
+    fit_signed(x, fits);
     float scales[16];
     float max_scale = 0;
     float max_abs_scale = 0;
