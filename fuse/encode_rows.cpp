@@ -7,6 +7,8 @@
 
 #include <ggml.h>
 
+#include "fuse/fast_encode.h"
+
 namespace tevrin {
 namespace {
 
@@ -82,7 +84,7 @@ void encode_rows(int32_t out_type, const float* src, uint8_t* dest, int64_t rows
     }
     if (out_type == GGML_TYPE_F32) {
         std::memcpy(dest, src, size_t(rows) * row_bytes);
-    } else {
+    } else if (!encode_rows_fast(out_type, src, dest, rows, row_len)) {
         ggml_quantize_chunk(ggml_type(out_type), src, dest, 0, rows, row_len, nullptr);
     }
 }

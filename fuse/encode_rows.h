@@ -1,4 +1,5 @@
-// Encoding of blended float rows to an output tensor type through ggml's
+// Encoding of blended float rows to an output tensor type: through the vector
+// encoders where they cover the type (the same bytes), else through ggml's
 // quantizer (F32 is copied).
 //
 // encode_rows reads `src` and writes `dest` only; calls on disjoint row ranges
