@@ -350,6 +350,7 @@ void run_whole(const Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);  // progress shows when written to a file
     try {
         const Options o = parse_options(argc, argv);
         print_load("start");
