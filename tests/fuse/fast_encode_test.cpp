@@ -17,7 +17,8 @@
 namespace tevrin::testing {
 namespace {
 
-constexpr ggml_type kTypes[] = {GGML_TYPE_Q8_0, GGML_TYPE_Q4_K, GGML_TYPE_Q5_K, GGML_TYPE_Q6_K};
+constexpr ggml_type kTypes[] = {GGML_TYPE_Q8_0, GGML_TYPE_Q2_K, GGML_TYPE_Q4_K, GGML_TYPE_Q5_K,
+                                GGML_TYPE_Q6_K};
 
 using Fill = std::function<float(std::mt19937&, int64_t)>;
 
@@ -142,7 +143,8 @@ TEST(FastEncode, CoversOnlyItsTypesAndWholeBlocks) {
         {GGML_TYPE_Q8_0, 48, VectorUse::if_available, false},
         {GGML_TYPE_Q4_0, 64, VectorUse::if_available, false},
         {GGML_TYPE_F16, 64, VectorUse::if_available, false},
-        {GGML_TYPE_Q2_K, 256, VectorUse::if_available, false},
+        {GGML_TYPE_Q2_K, 256, VectorUse::if_available, vector_cpu},
+        {GGML_TYPE_Q3_K, 256, VectorUse::if_available, false},
     };
     for (const Case& c : cases) {
         std::fill(out.begin(), out.end(), 0xAB);
