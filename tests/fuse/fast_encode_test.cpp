@@ -123,6 +123,45 @@ TEST(FastEncode, SameBytesAcrossScalesAndRowLengths) {
     }
 }
 
+// One odd block among ordinary ones, at every position of a row of five
+// super-blocks: blocks are taken in pairs, and an odd one must neither shift
+// nor spoil its neighbours.
+TEST(FastEncode, SameBytesWithOneOddBlockAnywhereInTheRow) {
+    if (!fast_encode_covers(GGML_TYPE_Q8_0)) {
+        GTEST_SKIP() << "no AVX2 on this CPU";
+    }
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    struct Odd {
+        const char* what;
+        int64_t length;  // elements set, from the block's start
+        float value;
+    };
+    const Odd odds[] = {
+        {"NaN", 1, nan},
+        {"infinity", 1, inf},
+        {"zero super-block", 256, 0.0f},
+        {"zero sub-block", 16, 0.0f},
+        {"constant super-block", 256, 0.25f},
+        {"tiny sub-block", 32, 1e-20f},
+    };
+    constexpr int64_t row_len = 5 * 256;
+    std::mt19937 rng(9);
+    for (ggml_type type : kTypes) {
+        for (const Odd& odd : odds) {
+            for (int64_t at = 0; at < row_len; at += 256) {
+                std::vector<float> x(static_cast<size_t>(row_len));
+                for (float& v : x) {
+                    v = normal(rng);
+                }
+                std::fill_n(x.begin() + at + 7 * (odd.length == 1), odd.length, odd.value);
+                expect_same_bytes(type, x, 1, row_len,
+                                  std::string(odd.what) + " at " + std::to_string(at));
+            }
+        }
+    }
+}
+
 TEST(FastEncode, CoversOnlyItsTypesAndWholeBlocks) {
     std::vector<float> x(1024, 1.0f);
     std::vector<uint8_t> out(4096, 0xAB);
