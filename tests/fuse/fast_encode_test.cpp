@@ -13,6 +13,8 @@
 #include <ggml.h>
 
 #include "fuse/fast_encode.h"
+#include "fuse/fuse.h"
+#include "tests/support/gguf_builder.h"
 
 namespace tevrin::testing {
 namespace {
@@ -159,6 +161,29 @@ TEST(FastEncode, SameBytesWithOneOddBlockAnywhereInTheRow) {
                                   std::string(odd.what) + " at " + std::to_string(at));
             }
         }
+    }
+}
+
+// Through the whole pipeline (rows split over threads and chunks, one source
+// re-encoded): each output type holds ggml's bytes for the source's floats.
+TEST(FastEncode, FusedOutputHoldsTheLibrarysBytes) {
+    TempDir dir;
+    FixtureModel m = fixture_model();
+    constexpr int64_t row_len = 1024;
+    constexpr int64_t rows = 37;
+    add_tensor(m, "w", GGML_TYPE_F32, {row_len, rows, 1, 1}, 3);
+    write_fixture(m, dir.file("a.gguf"));
+    const std::vector<float> x = fixture_values(3, row_len * rows);
+    const std::pair<const char*, ggml_type> outputs[] = {{"q8_0", GGML_TYPE_Q8_0},
+                                                         {"q4_k", GGML_TYPE_Q4_K},
+                                                         {"q5_k", GGML_TYPE_Q5_K},
+                                                         {"q6_k", GGML_TYPE_Q6_K}};
+    for (const auto& [word, type] : outputs) {
+        const FuseResult r = fuse({dir.file("a.gguf")}, std::string("out ") + word,
+                                  dir.file("o.gguf"), 2, nullptr, {});
+        ASSERT_TRUE(r.ok) << r.message;
+        EXPECT_EQ(read_tensor_bytes(dir.file("o.gguf"), "w"), library_bytes(type, x, rows, row_len))
+            << word;
     }
 }
 
