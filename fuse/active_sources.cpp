@@ -70,4 +70,31 @@ ActiveSources active_sources(const TensorPlan& plan) {
     return active;
 }
 
+std::vector<RowSpan> row_spans(const TensorPlan& plan) {
+    const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
+    std::vector<int64_t> cuts = {0, rows};
+    for (size_t s = 0; s < plan.source_tensors.size(); ++s) {
+        const int64_t given = source_row_count(plan, s);
+        if (given > 0 && given < rows) {
+            cuts.push_back(given);
+        }
+    }
+    std::sort(cuts.begin(), cuts.end());
+    cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+    if (cuts.size() <= 2) {
+        return {RowSpan{0, rows, active_sources(plan)}};
+    }
+    std::vector<RowSpan> spans;
+    for (size_t i = 0; i + 1 < cuts.size(); ++i) {
+        TensorPlan part = plan;
+        for (size_t s = 0; s < part.source_tensors.size(); ++s) {
+            if (source_row_count(plan, s) <= cuts[i]) {
+                part.source_tensors[s] = -1;
+            }
+        }
+        spans.push_back(RowSpan{cuts[i], cuts[i + 1], active_sources(part)});
+    }
+    return spans;
+}
+
 }  // namespace tevrin

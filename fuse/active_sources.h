@@ -26,4 +26,18 @@ struct ActiveSources {
 // missing tensor <name>" when the base does not feed an unstacked tensor.
 ActiveSources active_sources(const TensorPlan& plan);
 
+// Rows [first, end) of a tensor that the same sources feed.
+struct RowSpan {
+    int64_t first = 0;
+    int64_t end = 0;
+    ActiveSources active;
+};
+
+// The tensor's rows, cut where a source's rows end (TensorPlan::source_rows):
+// one span over all rows when every feeding source gives them all; otherwise the
+// rows every source has first, then each further span without the sources that
+// have ended. Rows past a donor's shared vocabulary thus come from the sources
+// that have them, usually the base alone. Fails like active_sources.
+std::vector<RowSpan> row_spans(const TensorPlan& plan);
+
 }  // namespace tevrin

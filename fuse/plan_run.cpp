@@ -1,6 +1,7 @@
 #include "fuse/plan_run.h"
 
 #include "fuse/stack_plan.h"
+#include "fuse/vocab_align.h"
 
 namespace tevrin {
 namespace {
@@ -34,6 +35,7 @@ RunPlan plan_run(const Recipe& recipe, const SourceList& sources) {
     } else {
         plan_base_tensors(ctx, true);
     }
+    add_vocab_notes(sources, run.plans, run.notes);
     return run;
 }
 

@@ -8,6 +8,8 @@
 
 #include <ggml.h>
 
+#include "fuse/vocab_align.h"
+
 namespace tevrin {
 
 namespace {
@@ -101,21 +103,31 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     plan.only_source = only_source;
     plan.spec = choose_spec(ctx.recipe, name, layer, ctx.output_layers);
     plan.source_tensors.assign(ctx.sources.size(), -1);
+    plan.source_rows.assign(ctx.sources.size(), 0);
+    const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
 
     if (only_source >= 0) {
         plan.source_tensors[size_t(only_source)] = tensor;
+        plan.source_rows[size_t(only_source)] = rows;
         ctx.plans.push_back(std::move(plan));
         return;
     }
-    const int32_t base_layers = ctx.sources[0]->n_layer;
+    const SourceModel& base = *ctx.sources[0];
     for (size_t s = 0; s < ctx.sources.size(); ++s) {
         const SourceModel& source = *ctx.sources[s];
         const auto found =
-            source.tensor_index.find(source_key(lookup_name, layer, base_layers, source.n_layer));
-        if (found != source.tensor_index.end() && tensor_shape(source, found->second) == plan.ne) {
+            source.tensor_index.find(source_key(lookup_name, layer, base.n_layer, source.n_layer));
+        if (found == source.tensor_index.end()) {
+            plan.fallback = plan.fallback || s != 0;
+            continue;
+        }
+        const std::array<int64_t, 4> shape = tensor_shape(source, found->second);
+        const int64_t shared = s != 0 ? shared_vocab_rows(base, source, plan.ne, shape) : 0;
+        if (shape == plan.ne || shared > 0) {
             plan.source_tensors[s] = found->second;
-        } else if (s != 0) {
-            plan.fallback = true;
+            plan.source_rows[s] = shape == plan.ne ? rows : shared;
+        } else {
+            plan.fallback = plan.fallback || s != 0;
         }
     }
     ctx.plans.push_back(std::move(plan));
@@ -131,6 +143,14 @@ void plan_base_tensors(PlanContext& ctx, bool with_blocks) {
             add_tensor_plan(ctx, name, base, i, name, layer, -1);
         }
     }
+}
+
+int64_t source_row_count(const TensorPlan& plan, size_t s) {
+    if (plan.source_tensors[s] < 0) {
+        return 0;
+    }
+    const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
+    return s < plan.source_rows.size() ? std::min(plan.source_rows[s], rows) : rows;
 }
 
 // Backtracking over the most recent '*' only: a later '*' can absorb anything an

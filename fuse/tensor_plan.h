@@ -26,7 +26,15 @@ struct TensorPlan {
     MethodSpec spec;                      // resolved for this tensor's layer
     bool fallback = false;
     int32_t only_source = -1;  // >= 0: this source alone feeds the tensor (stacked runs)
+    // One per source: the rows, counted from row 0, that the source gives. All rows
+    // for a source that feeds the tensor, 0 for one that does not, fewer for a donor
+    // aligned on a shared vocabulary (see vocab_align.h). An empty list means that
+    // every feeding source gives all rows.
+    std::vector<int64_t> source_rows;
 };
+
+// The rows source `s` gives to `plan` (see TensorPlan::source_rows).
+int64_t source_row_count(const TensorPlan& plan, size_t s);
 
 using SourceList = std::vector<std::unique_ptr<SourceModel>>;
 

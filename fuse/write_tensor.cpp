@@ -94,6 +94,36 @@ void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& active, i
     buf.encoded.resize(size_t(rows) * row_bytes);
 }
 
+// A span that one source gives in the output type is copied byte for byte.
+bool copies_rows(const WriteContext& ctx, const TensorPlan& plan, const ActiveSources& active) {
+    if (active.single < 0) {
+        return false;
+    }
+    const SourceModel& src = *ctx.sources[size_t(active.single)];
+    const int64_t index = plan.source_tensors[size_t(active.single)];
+    return int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type;
+}
+
+// Copies rows [first, first + n) of the source's tensor; the whole tensor when
+// it has the plan's shape and the span covers it, so such a copy never depends
+// on the row size. A donor aligned on a shared vocabulary may hold more rows.
+uint64_t copy_rows(const WriteContext& ctx, const TensorPlan& plan, int32_t source, int64_t first,
+                   int64_t n) {
+    const SourceModel& src = *ctx.sources[size_t(source)];
+    const int64_t index = plan.source_tensors[size_t(source)];
+    const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
+    size_t offset = 0;
+    size_t length = gguf_get_tensor_size(src.gguf, index);
+    if (first != 0 || n != rows || tensor_shape(src, index) != plan.ne) {
+        const size_t row_bytes = ggml_row_size(gguf_get_tensor_type(src.gguf, index), plan.ne[0]);
+        offset = size_t(first) * row_bytes;
+        length = size_t(n) * row_bytes;
+    }
+    copy_file_bytes(ctx.out, src.fd, tensor_file_offset(src, index) + offset,
+                    tensor_data(src, index) + offset, length);
+    return length;
+}
+
 }  // namespace
 
 int64_t chunk_rows(int64_t row_len, int64_t rows) {
@@ -109,44 +139,48 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     const int64_t row_len = plan.ne[0];
     const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
     const size_t row_bytes = ggml_row_size(ggml_type(plan.out_type), row_len);
-    const ActiveSources active = active_sources(plan);
+    const std::vector<RowSpan> spans = row_spans(plan);
 
-    if (active.single >= 0) {
-        const SourceModel& src = *ctx.sources[size_t(active.single)];
-        const int64_t index = plan.source_tensors[size_t(active.single)];
-        if (int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type) {
-            const size_t size = gguf_get_tensor_size(src.gguf, index);
-            copy_file_bytes(ctx.out, src.fd, tensor_file_offset(src, index),
-                            tensor_data(src, index), size);
-            return {size, 0};
-        }
+    if (spans.size() == 1 && copies_rows(ctx, plan, spans[0].active)) {
+        return {copy_rows(ctx, plan, spans[0].active.single, 0, rows), 0};
     }
     if (uint64_t(rows) * row_bytes == 0) {  // no element: ggml must not see a 0 row
         return {};
     }
     check_encodable(plan.out_type);
-    for (const int32_t s : active.sources) {
-        check_decodable(
-            gguf_get_tensor_type(ctx.sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+    std::vector<int32_t> decoded_sources;
+    for (const RowSpan& span : spans) {
+        for (const int32_t s : span.active.sources) {
+            check_decodable(
+                gguf_get_tensor_type(ctx.sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+            decoded_sources.push_back(s);
+        }
     }
 
     const int64_t per_chunk = chunk_rows(row_len, rows);
-    size_buffers(ctx, active.sources, per_chunk, row_len, row_bytes);
+    size_buffers(ctx, decoded_sources, per_chunk, row_len, row_bytes);
     const uint64_t seed = tensor_seed(ctx.seed, plan.name);
     const std::string label = "Blending " + plan.name;
     std::vector<const float*> decoded;
     TensorWrite done;
-    for (int64_t start = 0; start < rows; start += per_chunk) {
-        check_cancel(ctx);
-        const int64_t n = std::min(per_chunk, rows - start);
-        done.read += decode_chunk(ctx, plan, active.sources, start, n, decoded);
-        done.non_finite +=
-            blend_and_encode_chunk(ctx, plan, active.spec, seed, start, n, decoded, row_bytes);
-        write_bytes(ctx.out, ctx.buffers.encoded.data(), size_t(n) * row_bytes);
-        check_output(ctx.out);
-        emit_progress(ctx.progress,
-                      progress_fraction(read_before + done.read, ctx.total_source_bytes, 0.0f),
-                      label);
+    for (const RowSpan& span : spans) {
+        if (copies_rows(ctx, plan, span.active)) {
+            done.read +=
+                copy_rows(ctx, plan, span.active.single, span.first, span.end - span.first);
+            continue;
+        }
+        for (int64_t start = span.first; start < span.end; start += per_chunk) {
+            check_cancel(ctx);
+            const int64_t n = std::min(per_chunk, span.end - start);
+            done.read += decode_chunk(ctx, plan, span.active.sources, start, n, decoded);
+            done.non_finite += blend_and_encode_chunk(ctx, plan, span.active.spec, seed, start, n,
+                                                      decoded, row_bytes);
+            write_bytes(ctx.out, ctx.buffers.encoded.data(), size_t(n) * row_bytes);
+            check_output(ctx.out);
+            emit_progress(ctx.progress,
+                          progress_fraction(read_before + done.read, ctx.total_source_bytes, 0.0f),
+                          label);
+        }
     }
     return done;
 }
