@@ -1,5 +1,7 @@
 #include "fuse/output_metadata.h"
 
+#include "fuse/layer_arrays.h"
+
 namespace tevrin {
 
 namespace {
@@ -72,6 +74,7 @@ GgufHandle make_output_metadata(const SourceList& sources, const Recipe& recipe,
     if (!recipe.stack.empty()) {
         gguf_set_val_u32(out.get(), (base.arch + ".block_count").c_str(),
                          uint32_t(recipe.stack.size()));
+        rebuild_layer_arrays(out.get(), sources, recipe, notes);
     }
     gguf_set_val_str(out.get(), "tevrin.recipe", recipe_text.c_str());
     gguf_set_val_str(out.get(), "tevrin.compiler", "tevrin-fusion 1.0");

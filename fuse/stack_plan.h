@@ -14,7 +14,11 @@ namespace tevrin {
 // Fails with "stack layer <l> out of range for source <s>".
 void check_stack_ranges(const Recipe& recipe, const SourceList& sources);
 
-// Fails with "stack not supported: per-layer metadata <key>".
+// The base layer whose tensors (and per-layer metadata) a slice's output layer
+// takes as its template: the slice's layer for the base, else the base layer
+// that map_layer pairs with it.
+int32_t template_layer(const StackSlice& slice, const SourceList& sources);
+
 void plan_stack(PlanContext& ctx);
 
 }  // namespace tevrin
