@@ -1,5 +1,6 @@
-// tevrin-sample: writes a llama-shaped GGUF model with deterministic pseudo-random
-// weights, for tests, benchmarks and trying the tool without a real model.
+// tevrin-sample: writes a GGUF model of one of a few common shapes (llama by
+// default, see sample_shapes.h) with deterministic pseudo-random weights, for
+// tests, benchmarks and trying the tool without a real model.
 //
 // The header is built by ggml's own writer; the tensor data is then generated and
 // streamed chunk by chunk, so a model of many gigabytes needs only a few megabytes
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "model/gguf_handle.h"
+#include "tools/sample_shapes.h"
 
 namespace tevrin {
 
@@ -20,7 +22,7 @@ namespace {
 
 const char* const kUsage =
     "usage: tevrin-sample [options] -o <path>\n"
-    "Writes a llama-shaped GGUF model with deterministic pseudo-random weights.\n"
+    "Writes a GGUF model with deterministic pseudo-random weights.\n"
     "\n"
     "  -o <path>        output file (required)\n"
     "  --layers N       number of blocks (default 4, 0 allowed)\n"
@@ -30,7 +32,13 @@ const char* const kUsage =
     "  --type T         type of the matrices: f32, f16, bf16, q8_0, q4_0, q5_0,\n"
     "                   q4_k, q5_k, q6_k (default f16); norms are always f32\n"
     "  --seed N         seed of the weights (default 1); same options, same bytes\n"
-    "  --arch S         general.architecture and key prefix (default llama)\n"
+    "  --shape S        llama (default), tied (no output.weight), qwen2 (attention\n"
+    "                   biases), moe (4 experts: ffn_gate_inp router, 3-D\n"
+    "                   ffn_*_exps), deci (per-layer head, key/value head and\n"
+    "                   feed-forward arrays; odd layers have half the key/value\n"
+    "                   heads), phi3 (fused attn_qkv and ffn_up)\n"
+    "  --arch S         general.architecture and key prefix (default: the shape's,\n"
+    "                   llama for llama, tied and moe)\n"
     "  --name S         general.name (default \"tevrin sample\")\n"
     "  --template S     tokenizer.chat_template (default: no template key)\n"
     "  --tokenizer      add a llama-style tokenizer (<unk>, <s>, </s>, 256 byte\n"
@@ -49,20 +57,13 @@ struct Options {
     int64_t vocab = 512;
     ggml_type type = GGML_TYPE_F16;
     uint64_t seed = 1;
-    std::string arch = "llama";
+    std::string arch;  // empty: the shape's
+    SampleShape shape = SampleShape::llama;
     std::string name = "tevrin sample";
     std::string chat_template;
     bool has_template = false;
     bool tokenizer = false;
     std::string out;
-};
-
-struct SampleTensor {
-    std::string name;
-    ggml_type type;
-    int64_t ne0;        // row length
-    int64_t ne1;        // rows; 1 for a vector
-    bool norm = false;  // weights around 1 rather than around 0
 };
 
 struct TypeWord {
@@ -152,7 +153,12 @@ bool parse_options(int argc, char** argv, Options& o) {
         } else if (arg == "--seed") {
             o.seed = parse_seed(value);
         } else if (arg == "--arch") {
+            if (value.empty()) {
+                throw std::invalid_argument("empty architecture");
+            }
             o.arch = value;
+        } else if (arg == "--shape") {
+            o.shape = parse_shape(value);
         } else if (arg == "--name") {
             o.name = value;
         } else if (arg == "--template") {
@@ -166,7 +172,7 @@ bool parse_options(int argc, char** argv, Options& o) {
         throw std::invalid_argument("no output path, use -o <path>");
     }
     if (o.arch.empty()) {
-        throw std::invalid_argument("empty architecture");
+        o.arch = shape_arch(o.shape);
     }
     if (o.ffn == 0) {
         o.ffn = 3 * o.width;
@@ -187,23 +193,8 @@ bool parse_options(int argc, char** argv, Options& o) {
     return true;
 }
 
-std::vector<SampleTensor> tensor_list(const Options& o) {
-    const int64_t w = o.width;
-    std::vector<SampleTensor> list = {{"token_embd.weight", o.type, w, o.vocab}};
-    for (int64_t l = 0; l < o.layers; ++l) {
-        const std::string p = "blk." + std::to_string(l) + ".";
-        list.push_back({p + "attn_norm.weight", GGML_TYPE_F32, w, 1, true});
-        for (const char* m : {"attn_q", "attn_k", "attn_v", "attn_output"}) {
-            list.push_back({p + m + ".weight", o.type, w, w});
-        }
-        list.push_back({p + "ffn_norm.weight", GGML_TYPE_F32, w, 1, true});
-        list.push_back({p + "ffn_gate.weight", o.type, w, o.ffn});
-        list.push_back({p + "ffn_up.weight", o.type, w, o.ffn});
-        list.push_back({p + "ffn_down.weight", o.type, o.ffn, w});
-    }
-    list.push_back({"output_norm.weight", GGML_TYPE_F32, w, 1, true});
-    list.push_back({"output.weight", o.type, w, o.vocab});
-    return list;
+ShapeParams shape_params(const Options& o) {
+    return ShapeParams{o.shape, o.layers, o.width, o.ffn, o.vocab, o.type, o.arch};
 }
 
 // Filler piece number k: "▁" and k written in bijective base 26 (a..z, aa, ab, ...),
@@ -248,7 +239,7 @@ void set_tokenizer(gguf_context* g, const Options& o) {
 
 void set_metadata(gguf_context* g, const Options& o) {
     const std::string& a = o.arch;
-    const uint32_t heads = uint32_t(o.width >= 64 ? o.width / 64 : 1);
+    const uint32_t heads = head_count(shape_params(o));
     gguf_set_val_str(g, "general.architecture", a.c_str());
     gguf_set_val_str(g, "general.name", o.name.c_str());
     gguf_set_val_u32(g, (a + ".block_count").c_str(), uint32_t(o.layers));
@@ -266,6 +257,7 @@ void set_metadata(gguf_context* g, const Options& o) {
         gguf_set_val_f32(g, (a + ".attention.layer_norm_rms_epsilon").c_str(), 1e-5f);
         set_tokenizer(g, o);
     }
+    set_shape_metadata(g, shape_params(o));
 }
 
 // The SplitMix64 finaliser without its increment (the stream adds it itself).
@@ -338,11 +330,12 @@ void write_tensor_data(OutputFile& out, const SampleTensor& t, uint64_t seed, si
                        size_t alignment) {
     WeightStream stream{sample_mix(seed ^ sample_mix(index + 1))};
     const int64_t rows_per_chunk = std::max<int64_t>(1, kChunkElements / t.ne0);
+    const int64_t total_rows = t.ne1 * t.ne2;
     const size_t row_size = ggml_row_size(t.type, t.ne0);
     std::vector<float> values(size_t(rows_per_chunk * t.ne0));
     std::vector<uint8_t> encoded(row_size * size_t(rows_per_chunk));
-    for (int64_t row = 0; row < t.ne1; row += rows_per_chunk) {
-        const int64_t rows = std::min(rows_per_chunk, t.ne1 - row);
+    for (int64_t row = 0; row < total_rows; row += rows_per_chunk) {
+        const int64_t rows = std::min(rows_per_chunk, total_rows - row);
         const int64_t n = rows * t.ne0;
         stream.fill(values.data(), n);
         if (t.norm) {
@@ -357,7 +350,7 @@ void write_tensor_data(OutputFile& out, const SampleTensor& t, uint64_t seed, si
             out.write(encoded.data(), row_size * size_t(rows));
         }
     }
-    const size_t size = row_size * size_t(t.ne1);
+    const size_t size = row_size * size_t(total_rows);
     const size_t padding = (alignment - size % alignment) % alignment;
     static const std::vector<uint8_t> zeros(256, 0);
     for (size_t left = padding; left > 0;) {
@@ -369,14 +362,15 @@ void write_tensor_data(OutputFile& out, const SampleTensor& t, uint64_t seed, si
 
 void write_model(const Options& o) {
     silence_ggml_log();
-    const std::vector<SampleTensor> tensors = tensor_list(o);
+    const std::vector<SampleTensor> tensors = shape_tensors(shape_params(o));
     ggml_init_params params = {ggml_tensor_overhead() * (tensors.size() + 1), nullptr, true};
     GgmlHandle ctx(ggml_init(params));
     GgufHandle gguf(gguf_init_empty());
     set_metadata(gguf.get(), o);
     for (const auto& t : tensors) {
-        const int64_t ne[2] = {t.ne0, t.ne1};
-        ggml_tensor* tensor = ggml_new_tensor(ctx.get(), t.type, t.norm ? 1 : 2, ne);
+        const int64_t ne[3] = {t.ne0, t.ne1, t.ne2};
+        const int dims = t.norm || t.vector ? 1 : (t.ne2 > 1 ? 3 : 2);
+        ggml_tensor* tensor = ggml_new_tensor(ctx.get(), t.type, dims, ne);
         ggml_set_name(tensor, t.name.c_str());
         gguf_add_tensor(gguf.get(), tensor);
     }

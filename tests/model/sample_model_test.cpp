@@ -1,5 +1,6 @@
-// The sample generator: the same seed gives the same bytes, and --tokenizer writes a
-// vocabulary of fixed tokens, byte tokens and pieces.
+// The sample generator: the same seed gives the same bytes, --tokenizer writes a
+// vocabulary of fixed tokens, byte tokens and pieces, and each --shape has the
+// tensors and keys its loader looks for.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -43,6 +44,65 @@ TEST(SampleModel, TokenizerCoversTheVocabulary) {
     }
     // Fewer entries than the fixed tokens is refused.
     EXPECT_EQ(run_command(exe + dir.file("u") + " --vocab 258").status, 1);
+}
+
+// Per shape: architecture, and tensors with their shapes ("-" for absent), in
+// a model of 2 layers, width 128 (2 heads), feed-forward 256, 300 tokens.
+TEST(SampleModel, ShapesHoldTheirTensors) {
+    const struct {
+        const char* shape;
+        const char* arch;
+        std::vector<std::pair<std::string, std::string>> tensors;
+    } cases[] = {
+        {"llama", "llama", {{"output.weight", "128x300"}, {"blk.1.attn_k.weight", "128x128"}}},
+        {"tied", "llama", {{"output.weight", "-"}, {"token_embd.weight", "128x300"}}},
+        {"qwen2", "qwen2", {{"blk.0.attn_q.bias", "128"}, {"blk.1.attn_v.bias", "128"}}},
+        {"moe",
+         "llama",
+         {{"blk.0.ffn_gate_inp.weight", "128x4"},
+          {"blk.1.ffn_up_exps.weight", "128x256x4"},
+          {"blk.1.ffn_down_exps.weight", "256x128x4"},
+          {"blk.0.ffn_up.weight", "-"}}},
+        {"deci", "deci", {{"blk.0.attn_k.weight", "128x128"}, {"blk.1.attn_v.weight", "128x64"}}},
+        {"phi3",
+         "phi3",
+         {{"blk.0.attn_qkv.weight", "128x384"},
+          {"blk.0.ffn_up.weight", "128x512"},
+          {"blk.0.ffn_gate.weight", "-"}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.shape);
+        testing::TempDir dir;
+        const std::string cmd = std::string(testing::sample_exe()) +
+                                " --layers 2 --width 128 --ffn 256 --vocab 300 --shape " + c.shape +
+                                " -o " + dir.file("m");
+        ASSERT_EQ(run_command(cmd).status, 0);
+        GgufHandle g = read_gguf_header(dir.file("m").c_str());
+        EXPECT_STREQ(gguf_string_or(g.get(), "general.architecture", ""), c.arch);
+        for (const auto& [name, shape] : c.tensors) {
+            const int64_t id = gguf_find_tensor(g.get(), name.c_str());
+            std::string seen = "-";
+            if (id >= 0) {
+                const int64_t* ne = gguf_get_tensor_ne(g.get(), id);
+                seen = std::to_string(ne[0]);
+                for (int d = 1; d < 4 && ne[d] > 1; ++d) {
+                    seen += "x" + std::to_string(ne[d]);
+                }
+            }
+            EXPECT_EQ(seen, shape) << name;
+        }
+    }
+    // deci: one entry per layer, odd layers with half the key/value heads.
+    testing::TempDir dir;
+    ASSERT_EQ(run_command(std::string(testing::sample_exe()) + " --layers 3 --shape deci -o " +
+                          dir.file("d"))
+                  .status,
+              0);
+    GgufHandle g = read_gguf_header(dir.file("d").c_str());
+    const int64_t kv = gguf_find_key(g.get(), "deci.attention.head_count_kv");
+    ASSERT_EQ(gguf_get_arr_n(g.get(), kv), 3u);
+    const auto* heads = static_cast<const uint32_t*>(gguf_get_arr_data(g.get(), kv));
+    EXPECT_EQ(std::vector<uint32_t>(heads, heads + 3), (std::vector<uint32_t>{4, 2, 4}));
 }
 
 }  // namespace
