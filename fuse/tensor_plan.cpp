@@ -122,10 +122,11 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
             continue;
         }
         const std::array<int64_t, 4> shape = tensor_shape(source, found->second);
-        const int64_t shared = s != 0 ? shared_vocab_rows(base, source, plan.ne, shape) : 0;
-        if (shape == plan.ne || shared > 0) {
+        const bool same = shape == plan.ne;
+        const int64_t shared = same || s == 0 ? 0 : shared_vocab_rows(base, source, plan.ne, shape);
+        if (same || shared > 0) {
             plan.source_tensors[s] = found->second;
-            plan.source_rows[s] = shape == plan.ne ? rows : shared;
+            plan.source_rows[s] = same ? rows : shared;
         } else {
             plan.fallback = plan.fallback || s != 0;
         }
