@@ -1,11 +1,12 @@
 // The row pipeline: brings one plan's bytes into the output stream.
 //
-// A tensor that one source gives in the output type is copied byte for byte.
-// Any other is cut into chunks of at most kChunkElements elements (one row if a
-// row is longer); per chunk each active source is decoded to floats on all
-// threads, then rows are blended and encoded on the same threads, and the encoded
-// chunk is written by the calling thread. Output bytes depend only on the
-// sources, the plan, the seed and each row's number.
+// The rows go in spans of the same sources (row_spans: one span, unless a donor
+// is aligned on a shared vocabulary). A span that one source gives in the output
+// type is copied byte for byte. Any other is cut into chunks of at most kChunkElements elements
+// (one row if a row is longer); per chunk each active source is decoded to floats on all threads,
+// then rows are blended and encoded on the same threads, and the encoded chunk is written by the
+// calling thread. Output bytes depend only on the sources, the plan, the seed and each row's
+// number.
 //
 // Called on the driver's thread only; workers touch disjoint row ranges of the
 // buffers between parallel_rows calls.
