@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "cli/help_text.h"
+#include "cli/plan_report.h"
 #include "cli/progress_printer.h"
 #include "fuse/fuse.h"
 #include "fuse/output_stream.h"
@@ -26,11 +27,22 @@ const char* const kUsageLine =
 
 namespace {
 
-std::string read_whole_file(const std::string& path) {
+// The whole file, or an empty text with `readable` false when it cannot be
+// opened or is a directory.
+std::string read_whole_file(const std::string& path, bool& readable) {
     std::ifstream in(path, std::ios::binary);
+    struct stat st = {};
+    readable = in.is_open() && stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
     std::ostringstream content;
     content << in.rdbuf();
     return content.str();
+}
+
+std::vector<std::string> scan_warnings(const CommandLine& cl) {
+    if (cl.unreadable_recipe.empty() || cl.seed >= 0) {
+        return {};
+    }
+    return {"cannot read recipe file " + cl.unreadable_recipe + ": the recipe is empty"};
 }
 
 int usage_failure() {
@@ -124,10 +136,17 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             cl.inspect = true;
             cl.inspect_path = args[i + 1];
             return cl;
+        } else if (a == "--tensors" && has_value) {
+            cl.tensors = true;
+            cl.inspect_path = args[i + 1];
+            return cl;
         } else if (a == "-r" && has_value) {
-            cl.recipe_text = read_whole_file(args[++i]);
+            bool readable = true;
+            cl.recipe_text = read_whole_file(args[++i], readable);
+            cl.unreadable_recipe = readable ? "" : args[i];
         } else if (a == "-e" && has_value) {
             cl.recipe_text = args[++i];
+            cl.unreadable_recipe.clear();
         } else if (a == "--random" && has_value) {
             cl.seed = std::strtoll(args[++i].c_str(), nullptr, 10);
         } else if (a == "--type" && has_value) {
@@ -146,6 +165,10 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             if (!read_thread_count(args[++i], cl.threads)) {
                 cl.usage_error = "invalid thread count '" + args[i] + "'";
             }
+        } else if (a == "--plan") {
+            cl.plan = true;
+        } else if (a == "--json") {
+            cl.json = true;
         } else {
             cl.sources.push_back(a);
         }
@@ -171,8 +194,8 @@ int run_command_line(int argc, char** argv) {
         return usage_failure();
     }
     CommandLine cl = scan_command_line(std::vector<std::string>(argv + 1, argv + argc));
-    if (cl.inspect) {
-        std::printf("%s\n", inspect_json(cl.inspect_path, false).c_str());
+    if (cl.inspect || cl.tensors) {
+        std::printf("%s\n", inspect_json(cl.inspect_path, cl.tensors).c_str());
         return 0;
     }
     if (cl.help) {
@@ -187,7 +210,7 @@ int run_command_line(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", cl.usage_error.c_str());
         return usage_failure();
     }
-    if ((cl.output_path.empty() && !cl.dry) || cl.sources.empty()) {
+    if ((cl.output_path.empty() && !cl.dry && !cl.plan) || cl.sources.empty()) {
         return usage_failure();
     }
     if (cl.seed >= 0) {
@@ -195,10 +218,14 @@ int run_command_line(int argc, char** argv) {
         cl.recipe_text =
             random_recipe(int32_t(cl.sources.size()), layers, uint64_t(cl.seed), cl.out_type);
     }
+    if (cl.plan) {
+        return print_plan_report(cl.sources, cl.recipe_text, cl.json, scan_warnings(cl));
+    }
     if (cl.dry) {
         std::printf("%s", cl.recipe_text.c_str());
         return 0;
     }
+    print_run_warnings(cl.sources, cl.recipe_text, scan_warnings(cl));
     return run_fusion(cl);
 }
 

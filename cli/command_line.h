@@ -28,12 +28,17 @@ struct CommandLine {
     bool version = false;     // the scan stopped at --version
     int threads = 0;          // -t / --threads; 0 uses all cores
     std::string usage_error;  // a value the scan refused, e.g. "invalid thread count 'x'"
+    bool tensors = false;           // the scan stopped at --tensors <inspect_path>
+    bool plan = false;              // --plan: report what the run would do, write nothing
+    bool json = false;              // --json: the plan report as JSON lines
+    std::string unreadable_recipe;  // the -r file the recipe text came from, if unreadable
 };
 
 // Scans the arguments after the program name, in order; an option that needs a
 // value but stands last is a source path. `-r` reads the whole file, or gives an
-// empty text when it cannot be read. `--inspect`, `-h`/`--help` and `--version`
-// end the scan. A thread count must be a whole number from 0 to 1024.
+// empty text when it cannot be read (and names the file in unreadable_recipe).
+// `--inspect`, `--tensors`, `-h`/`--help` and `--version` end the scan. A thread
+// count must be a whole number from 0 to 1024.
 CommandLine scan_command_line(const std::vector<std::string>& args);
 
 // The layer count for a generated recipe: the number behind the first

@@ -12,6 +12,7 @@
 #include "fuse/output_stream.h"
 #include "fuse/parallel_rows.h"
 #include "fuse/plan_run.h"
+#include "fuse/tensor_records.h"
 #include "fuse/write_tensor.h"
 #include "model/gguf_handle.h"
 #include "recipe/parse_recipe.h"
@@ -43,33 +44,6 @@ void open_sources(const std::vector<std::string>& paths, SourceList& sources) {
     }
 }
 
-// Adds one tensor record per plan to the output context; fixes every tensor's
-// place in the file before any data exists.
-GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& plans) {
-    ggml_init_params params = {ggml_tensor_overhead() * plans.size() + 1024, nullptr, true};
-    GgmlHandle records(ggml_init(params));
-    for (const auto& plan : plans) {
-        // ggml keeps names of at most GGML_MAX_NAME - 1 bytes; a longer one would be
-        // cut and could collide with another.
-        if (plan.name.size() >= GGML_MAX_NAME) {
-            throw std::runtime_error("tensor name too long: " + plan.name);
-        }
-        ggml_tensor* t =
-            ggml_new_tensor(records.get(), ggml_type(plan.out_type), plan.n_dims, plan.ne.data());
-        // The record keeps only the dimensions up to the last one above 1, so a
-        // shape such as 64x0 would be stored as 64 and the header would promise
-        // bytes that do not exist.
-        const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
-        if (ggml_nbytes(t) != ggml_row_size(t->type, plan.ne[0]) * size_t(rows)) {
-            throw std::runtime_error("tensor " + plan.name +
-                                     " has an empty dimension GGUF cannot keep");
-        }
-        ggml_set_name(t, plan.name.c_str());
-        gguf_add_tensor(out, t);
-    }
-    return records;
-}
-
 uint64_t source_bytes(const SourceList& sources, const TensorPlan& plan) {
     uint64_t total = 0;
     for (size_t s = 0; s < plan.source_tensors.size(); ++s) {
@@ -89,16 +63,6 @@ void write_metadata_block(gguf_context* out, OutputStream& stream) {
 // Zeros from the end of a tensor of `size` bytes to the next multiple of `alignment`.
 void write_alignment_fill(OutputStream& stream, uint64_t size, uint64_t alignment) {
     write_zeros(stream, (size + alignment - 1) / alignment * alignment - size);
-}
-
-std::string join_notes(std::vector<std::string> notes) {
-    std::sort(notes.begin(), notes.end());
-    notes.erase(std::unique(notes.begin(), notes.end()), notes.end());
-    std::string joined;
-    for (const auto& note : notes) {
-        joined += (joined.empty() ? "" : "; ") + note;
-    }
-    return joined;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "fuse/plan_run.h"
 
+#include <algorithm>
+
 #include "fuse/stack_plan.h"
 #include "fuse/vocab_align.h"
 
@@ -37,6 +39,16 @@ RunPlan plan_run(const Recipe& recipe, const SourceList& sources) {
     }
     add_vocab_notes(sources, run.plans, run.notes);
     return run;
+}
+
+std::string join_notes(std::vector<std::string> notes) {
+    std::sort(notes.begin(), notes.end());
+    notes.erase(std::unique(notes.begin(), notes.end()), notes.end());
+    std::string joined;
+    for (const auto& note : notes) {
+        joined += (joined.empty() ? "" : "; ") + note;
+    }
+    return joined;
 }
 
 }  // namespace tevrin

@@ -22,4 +22,7 @@ struct RunPlan {
 // Fails like check_stack_ranges and plan_stack for a stacked recipe.
 RunPlan plan_run(const Recipe& recipe, const SourceList& sources);
 
+// The notes sorted, without repeats, joined by "; " (empty for none).
+std::string join_notes(std::vector<std::string> notes);
+
 }  // namespace tevrin

@@ -31,6 +31,9 @@ void plan_output_layer(PlanContext& ctx, int32_t out_layer, const StackSlice& sl
         } else {
             add_tensor_plan(ctx, out_name, base, t, template_name, out_layer, 0);
             ctx.plans.back().fallback = true;
+            ctx.plans.back().dropped[size_t(slice.source)] =
+                drop_reason(base, tensor_shape(base, t), source,
+                            found == source.tensor_index.end() ? -1 : found->second);
         }
     }
 }

@@ -89,7 +89,42 @@ int32_t clamp_to_int32(long value) {
     return value < INT32_MIN ? INT32_MIN : int32_t(value);
 }
 
+// Weights of a schedule of three or more points: entry i runs through entry i
+// of every list, 0 where a list is too short.
+std::vector<float> scheduled_weights(const MethodSpec& spec, int64_t num, int64_t den) {
+    std::vector<const std::vector<float>*> lists = {&spec.weights};
+    for (const auto& inner : spec.weights_inner) {
+        lists.push_back(&inner);
+    }
+    lists.push_back(&spec.weights_end);
+    size_t m = 0;
+    for (const auto* list : lists) {
+        m = std::max(m, list->size());
+    }
+    std::vector<float> weights(m);
+    std::vector<float> points(lists.size());
+    for (size_t i = 0; i < m; ++i) {
+        for (size_t k = 0; k < lists.size(); ++k) {
+            points[k] = i < lists[k]->size() ? (*lists[k])[i] : 0.0f;
+        }
+        weights[i] = schedule_value(points, num, den);
+    }
+    return weights;
+}
+
 }  // namespace
+
+float schedule_value(const std::vector<float>& points, int64_t num, int64_t den) {
+    const int64_t segments = int64_t(points.size()) - 1;
+    if (segments < 1) {
+        return points.empty() ? 0.0f : points[0];
+    }
+    const int64_t scaled = num * segments;
+    const int64_t segment = std::min(scaled / den, segments - 1);
+    const float q = float(scaled - segment * den) / float(den);
+    const float a = points[size_t(segment)], b = points[size_t(segment) + 1];
+    return (b - a) * q + a;
+}
 
 void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceModel& model,
                      int64_t tensor, const std::string& lookup_name, int32_t layer,
@@ -104,6 +139,7 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     plan.spec = choose_spec(ctx.recipe, name, layer, ctx.output_layers);
     plan.source_tensors.assign(ctx.sources.size(), -1);
     plan.source_rows.assign(ctx.sources.size(), 0);
+    plan.dropped.assign(ctx.sources.size(), DropReason::none);
     const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
 
     if (only_source >= 0) {
@@ -119,6 +155,7 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
             source.tensor_index.find(source_key(lookup_name, layer, base.n_layer, source.n_layer));
         if (found == source.tensor_index.end()) {
             plan.fallback = plan.fallback || s != 0;
+            plan.dropped[s] = s != 0 ? DropReason::missing : DropReason::none;
             continue;
         }
         const std::array<int64_t, 4> shape = tensor_shape(source, found->second);
@@ -127,8 +164,9 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
         if (same || shared > 0) {
             plan.source_tensors[s] = found->second;
             plan.source_rows[s] = same ? rows : shared;
-        } else {
-            plan.fallback = plan.fallback || s != 0;
+        } else if (s != 0) {
+            plan.fallback = true;
+            plan.dropped[s] = drop_reason(model, plan.ne, source, found->second);
         }
     }
     ctx.plans.push_back(std::move(plan));
@@ -185,14 +223,28 @@ MethodSpec resolve_spec(const MethodSpec& spec, int32_t layer, int32_t first, in
     if (!spec.scheduled) {
         return resolved;
     }
+    // The position as a fraction num / den of the range, for the schedules of
+    // three or more points, whose knots must be met exactly.
+    int64_t num = 1, den = 2;
     float p = 0.5f;
     if (layer >= 0 && last > first) {
         // Differences in 64 bits: a rule may span the whole 32-bit range.
+        den = int64_t(last) - first;
+        num = std::clamp<int64_t>(int64_t(layer) - first, 0, den);
         p = float(int64_t(layer) - first) / float(int64_t(last) - first);
         p = p < 0.0f ? 0.0f : (p > 1.0f ? 1.0f : p);
     }
-    resolved.t = (spec.t_end - spec.t) * p + spec.t;
-    if (!spec.weights_end.empty()) {
+    if (spec.t_inner.empty()) {
+        resolved.t = (spec.t_end - spec.t) * p + spec.t;
+    } else {
+        std::vector<float> points = {spec.t};
+        points.insert(points.end(), spec.t_inner.begin(), spec.t_inner.end());
+        points.push_back(spec.t_end);
+        resolved.t = schedule_value(points, num, den);
+    }
+    if (!spec.weights_inner.empty()) {
+        resolved.weights = scheduled_weights(spec, num, den);
+    } else if (!spec.weights_end.empty()) {
         const size_t m = std::max(spec.weights.size(), spec.weights_end.size());
         resolved.weights.assign(m, 0.0f);
         for (size_t i = 0; i < m; ++i) {

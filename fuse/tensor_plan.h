@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "fuse/drop_reason.h"
 #include "model/source_model.h"
 #include "recipe/recipe.h"
 
@@ -25,7 +26,8 @@ struct TensorPlan {
     std::vector<int64_t> source_tensors;  // one per source; -1: that source does not feed it
     MethodSpec spec;                      // resolved for this tensor's layer
     bool fallback = false;
-    int32_t only_source = -1;  // >= 0: this source alone feeds the tensor (stacked runs)
+    int32_t only_source = -1;         // >= 0: this source alone feeds the tensor (stacked runs)
+    std::vector<DropReason> dropped;  // one per source: why it does not feed the tensor
     // One per source: the rows, counted from row 0, that the source gives. All rows
     // for a source that feeds the tensor, 0 for one that does not, fewer for a donor
     // aligned on a shared vocabulary (see vocab_align.h). An empty list means that
@@ -64,8 +66,14 @@ bool glob_match(const std::string& pattern, const std::string& text);
 
 // Evaluates a schedule at `layer` of the range first..last; a spec that is not
 // scheduled comes back unchanged. Outside the blocks (layer < 0), or when
-// last <= first, the schedule gives its midpoint.
+// last <= first, the schedule gives its midpoint. A schedule of three or more
+// points runs piecewise linearly through them, spaced evenly over the range.
 MethodSpec resolve_spec(const MethodSpec& spec, int32_t layer, int32_t first, int32_t last);
+
+// The value at position num / den (0 <= num <= den, den > 0) of the piecewise
+// linear line through `points`, spaced evenly from 0 to 1; a knot gives its point
+// exactly. Needs num * (points - 1) within 64 bits.
+float schedule_value(const std::vector<float>& points, int64_t num, int64_t den);
 
 // Pairs `layer` of a stack of `from_count` layers with a layer of a stack of
 // `to_count` layers: first meets first, last meets last.

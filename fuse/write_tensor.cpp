@@ -94,16 +94,6 @@ void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& active, i
     buf.encoded.resize(size_t(rows) * row_bytes);
 }
 
-// A span that one source gives in the output type is copied byte for byte.
-bool copies_rows(const WriteContext& ctx, const TensorPlan& plan, const ActiveSources& active) {
-    if (active.single < 0) {
-        return false;
-    }
-    const SourceModel& src = *ctx.sources[size_t(active.single)];
-    const int64_t index = plan.source_tensors[size_t(active.single)];
-    return int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type;
-}
-
 // Copies rows [first, first + n) of the source's tensor; the whole tensor when
 // it has the plan's shape and the span covers it, so such a copy never depends
 // on the row size. A donor aligned on a shared vocabulary may hold more rows.
@@ -131,6 +121,16 @@ int64_t chunk_rows(int64_t row_len, int64_t rows) {
         std::min<int64_t>(kChunkElements / std::max<int64_t>(row_len, 1), rows), 1);
 }
 
+bool copies_unchanged(const SourceList& sources, const TensorPlan& plan,
+                      const ActiveSources& active) {
+    if (active.single < 0) {
+        return false;
+    }
+    const SourceModel& src = *sources[size_t(active.single)];
+    const int64_t index = plan.source_tensors[size_t(active.single)];
+    return int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type;
+}
+
 float progress_fraction(uint64_t done, uint64_t total, float if_empty) {
     return total == 0 ? if_empty : float(done) / float(total);
 }
@@ -141,7 +141,7 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     const size_t row_bytes = ggml_row_size(ggml_type(plan.out_type), row_len);
     const std::vector<RowSpan> spans = row_spans(plan);
 
-    if (spans.size() == 1 && copies_rows(ctx, plan, spans[0].active)) {
+    if (spans.size() == 1 && copies_unchanged(ctx.sources, plan, spans[0].active)) {
         return {copy_rows(ctx, plan, spans[0].active.single, 0, rows), 0};
     }
     if (uint64_t(rows) * row_bytes == 0) {  // no element: ggml must not see a 0 row
@@ -164,7 +164,7 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     std::vector<const float*> decoded;
     TensorWrite done;
     for (const RowSpan& span : spans) {
-        if (copies_rows(ctx, plan, span.active)) {
+        if (copies_unchanged(ctx.sources, plan, span.active)) {
             done.read +=
                 copy_rows(ctx, plan, span.active.single, span.first, span.end - span.first);
             continue;

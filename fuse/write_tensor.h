@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "fuse/active_sources.h"
 #include "fuse/fuse.h"
 #include "fuse/output_stream.h"
 #include "fuse/tensor_plan.h"
@@ -58,6 +59,11 @@ struct TensorWrite {
 // "cannot dequantize type <type>", "cannot quantize to type <type>" or what
 // encode_rows fails with.
 TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64_t read_before);
+
+// True when write_tensor copies the tensor's bytes unchanged: one source gives
+// it, stored in the output type.
+bool copies_unchanged(const SourceList& sources, const TensorPlan& plan,
+                      const ActiveSources& active);
 
 // The fraction behind the progress events: done / total in single precision,
 // or `if_empty` when total is 0.

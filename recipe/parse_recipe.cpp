@@ -1,12 +1,14 @@
 #include "recipe/parse_recipe.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "recipe/method_table.h"
+#include "recipe/recipe_warnings.h"
 
 namespace tevrin {
 namespace {
@@ -56,23 +58,36 @@ struct LayerRange {
     int32_t last = 0;
 };
 
+using Warnings = std::vector<std::string>*;
+
+int32_t lenient_int(const std::string& text, Warnings warnings) {
+    std::string rest;
+    const int32_t value = read_int(text, rest);
+    if (warnings != nullptr && !rest.empty()) {
+        warnings->push_back("'" + text + "' is read as " + std::to_string(value) +
+                            ": the text behind the number is ignored");
+    }
+    return value;
+}
+
 // "a-b" or "a", cut at the first '-': so "-1-3" has an empty first part and fails.
-LayerRange read_range(const std::string& token) {
+LayerRange read_range(const std::string& token, Warnings warnings) {
     const size_t dash = token.find('-');
     LayerRange range;
-    range.first = read_int(token.substr(0, dash));
-    range.last = dash == std::string::npos ? range.first : read_int(token.substr(dash + 1));
+    range.first = lenient_int(token.substr(0, dash), warnings);
+    range.last =
+        dash == std::string::npos ? range.first : lenient_int(token.substr(dash + 1), warnings);
     return range;
 }
 
 // "src:a-b" or "src:a" appends one entry per layer; a reversed range appends none.
-void append_slice(const std::string& token, std::vector<StackSlice>& stack) {
+void append_slice(const std::string& token, std::vector<StackSlice>& stack, Warnings warnings) {
     const size_t colon = token.find(':');
     if (colon == std::string::npos) {
         throw std::invalid_argument("stack slice needs src:a-b");
     }
-    const int32_t source = read_int(token.substr(0, colon));
-    const LayerRange range = read_range(token.substr(colon + 1));
+    const int32_t source = lenient_int(token.substr(0, colon), warnings);
+    const LayerRange range = read_range(token.substr(colon + 1), warnings);
     const int64_t count = std::max<int64_t>(int64_t(range.last) - range.first + 1, 0);
     if (count > kLongestStack - int64_t(stack.size())) {
         throw std::invalid_argument("stack too long (at most " + std::to_string(kLongestStack) +
@@ -83,26 +98,37 @@ void append_slice(const std::string& token, std::vector<StackSlice>& stack) {
     }
 }
 
+// `line_number` goes into the rule's MethodSpec; `warnings` (may be null) gets
+// what this line reads leniently.
 void apply_directive(const std::vector<std::string>& tokens, const std::string& line,
-                     Recipe& recipe) {
+                     int32_t line_number, Recipe& recipe, Warnings warnings) {
     const std::string& word = tokens[0];
     if (word == "name") {
         recipe.name = trim(line.substr(4));
     } else if (word == "out") {
         recipe.out = parse_out_type(required_token(tokens, 1));
     } else if (word == "seed") {
-        recipe.seed = read_u64(required_token(tokens, 1));
+        std::string rest;
+        recipe.seed = read_u64(required_token(tokens, 1), rest);
+        if (warnings != nullptr && !rest.empty()) {
+            warnings->push_back("'" + tokens[1] + "' is read as " + std::to_string(recipe.seed) +
+                                ": the text behind the number is ignored");
+        }
     } else if (word == "default") {
-        recipe.default_spec = parse_method(tokens, 1, line);
+        recipe.default_spec = parse_method(tokens, 1, line, warnings);
+        recipe.default_spec.line = line_number;
     } else if (word == "layers") {
-        const LayerRange range = read_range(required_token(tokens, 1));
-        recipe.layer_rules.push_back({range.first, range.last, parse_method(tokens, 2, line)});
+        const LayerRange range = read_range(required_token(tokens, 1), warnings);
+        recipe.layer_rules.push_back(
+            {range.first, range.last, parse_method(tokens, 2, line, warnings)});
+        recipe.layer_rules.back().spec.line = line_number;
     } else if (word == "tensor") {
         const std::string& pattern = required_token(tokens, 1);
-        recipe.tensor_rules.push_back({pattern, parse_method(tokens, 2, line)});
+        recipe.tensor_rules.push_back({pattern, parse_method(tokens, 2, line, warnings)});
+        recipe.tensor_rules.back().spec.line = line_number;
     } else if (word == "stack") {
         for (size_t i = 1; i < tokens.size(); ++i) {
-            append_slice(tokens[i], recipe.stack);
+            append_slice(tokens[i], recipe.stack, warnings);
         }
     } else {
         throw std::invalid_argument("unknown directive '" + word + "'");
@@ -136,7 +162,8 @@ void check_recipe(const Recipe& recipe, int32_t source_count) {
 
 }  // namespace
 
-Recipe parse_recipe(const std::string& text, int32_t source_count) {
+Recipe parse_recipe(const std::string& text, int32_t source_count,
+                    std::vector<std::string>* warnings) {
     Recipe recipe;
     recipe.default_spec.method = source_count <= 1 ? BlendMethod::pick : BlendMethod::linear;
 
@@ -160,14 +187,31 @@ Recipe parse_recipe(const std::string& text, int32_t source_count) {
         if (tokens.empty()) {
             continue;
         }
+        const std::string prefix = "recipe line " + std::to_string(line_number) + ": ";
+        std::vector<std::string> line_warnings;
+        auto keep_warnings = [&] {
+            for (const std::string& warning : line_warnings) {
+                warnings->push_back(prefix + warning);
+            }
+        };
         try {
-            apply_directive(tokens, line, recipe);
+            apply_directive(tokens, line, int32_t(std::min<size_t>(line_number, INT32_MAX)), recipe,
+                            warnings != nullptr ? &line_warnings : nullptr);
         } catch (const std::exception& e) {
-            throw std::invalid_argument("recipe line " + std::to_string(line_number) + ": " +
-                                        e.what());
+            if (warnings != nullptr) {
+                keep_warnings();
+            }
+            throw std::invalid_argument(prefix + e.what());
+        }
+        if (warnings != nullptr) {
+            keep_warnings();
         }
     }
     check_recipe(recipe, source_count);
+    if (warnings != nullptr) {
+        const std::vector<std::string> more = recipe_warnings(recipe, source_count);
+        warnings->insert(warnings->end(), more.begin(), more.end());
+    }
     return recipe;
 }
 

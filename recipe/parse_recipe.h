@@ -13,13 +13,17 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "recipe/recipe.h"
 
 namespace tevrin {
 
 // `source_count` decides the default method (pick for one source, linear for
-// more) and bounds pick indices and stack sources.
-Recipe parse_recipe(const std::string& text, int32_t source_count);
+// more) and bounds pick indices and stack sources. With `warnings` set, the
+// warnings of recipe_warnings.h are appended to it, also those of the lines
+// before a failure; the Recipe is the same with or without it.
+Recipe parse_recipe(const std::string& text, int32_t source_count,
+                    std::vector<std::string>* warnings = nullptr);
 
 }  // namespace tevrin

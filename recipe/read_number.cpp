@@ -20,6 +20,21 @@ locale_t c_numeric_locale() {
 }  // namespace
 
 float read_float(const std::string& text) {
+    std::string rest;
+    return read_float(text, rest);
+}
+
+int32_t read_int(const std::string& text) {
+    std::string rest;
+    return read_int(text, rest);
+}
+
+uint64_t read_u64(const std::string& text) {
+    std::string rest;
+    return read_u64(text, rest);
+}
+
+float read_float(const std::string& text, std::string& rest) {
     const char* begin = text.c_str();
     char* end = nullptr;
     const locale_t locale = c_numeric_locale();
@@ -32,10 +47,11 @@ float read_float(const std::string& text) {
     if (errno == ERANGE) {
         throw std::out_of_range("stof");
     }
+    rest = end;
     return value;
 }
 
-int32_t read_int(const std::string& text) {
+int32_t read_int(const std::string& text, std::string& rest) {
     const char* begin = text.c_str();
     char* end = nullptr;
     errno = 0;
@@ -46,10 +62,11 @@ int32_t read_int(const std::string& text) {
     if (errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
         throw std::out_of_range("stoi");
     }
+    rest = end;
     return static_cast<int32_t>(value);
 }
 
-uint64_t read_u64(const std::string& text) {
+uint64_t read_u64(const std::string& text, std::string& rest) {
     const char* begin = text.c_str();
     char* end = nullptr;
     errno = 0;
@@ -61,6 +78,7 @@ uint64_t read_u64(const std::string& text) {
     if (errno == ERANGE) {
         throw std::out_of_range("stoull");
     }
+    rest = end;
     return static_cast<uint64_t>(value);
 }
 

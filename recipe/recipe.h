@@ -50,8 +50,13 @@ struct MethodSpec {
     std::vector<float> weights_end;  // end of a schedule
     float t_end = 0.0f;              // end of a schedule
     bool scheduled = false;          // a '>' stood in the scalar or in the weight list
+    // The points between the start and the end of a schedule of three or more
+    // points ("0.2>0.9>0.2"), in order; empty for a plain two-point schedule.
+    std::vector<float> t_inner;
+    std::vector<std::vector<float>> weights_inner;
     int32_t pick = 0;
     std::string text;  // the recipe line, for messages
+    int32_t line = 0;  // its line number; 0 for the built-in default
 };
 
 struct LayerRule {
@@ -91,9 +96,12 @@ std::vector<float> parse_float_list(const std::string& text);
 
 // Reads the method expression that starts at tokens[position]; `text` is the whole
 // line and becomes MethodSpec::text. Throws "missing method in: <text>",
-// "unknown method '<word>' in: <text>", "stof" or "stoi".
+// "unknown method '<word>' in: <text>", "stof" or "stoi". When `warnings` is set,
+// what was read leniently (text behind a number, tokens no place takes, a
+// "name=value" argument) is appended to it, without a line prefix; the spec is
+// the same either way.
 MethodSpec parse_method(const std::vector<std::string>& tokens, size_t position,
-                        const std::string& text);
+                        const std::string& text, std::vector<std::string>* warnings = nullptr);
 
 // Number readers with strtof / strtol / strtoull tolerance: leading space and a
 // sign pass, anything behind the number is ignored. They fail only on text without
@@ -103,5 +111,11 @@ MethodSpec parse_method(const std::vector<std::string>& tokens, size_t position,
 float read_float(const std::string& text);
 int32_t read_int(const std::string& text);
 uint64_t read_u64(const std::string& text);
+
+// The same readers, also giving the text behind the number in `rest` ("" when the
+// whole text was a number). The value is the same as without `rest`.
+float read_float(const std::string& text, std::string& rest);
+int32_t read_int(const std::string& text, std::string& rest);
+uint64_t read_u64(const std::string& text, std::string& rest);
 
 }  // namespace tevrin
