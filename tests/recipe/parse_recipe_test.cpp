@@ -40,6 +40,15 @@ std::string describe(const MethodSpec& s) {
             out << ' ' << w;
         }
     }
+    for (float t : s.t_inner) {
+        out << " ~" << t;
+    }
+    for (const auto& list : s.weights_inner) {
+        out << " ~";
+        for (float w : list) {
+            out << w << ',';
+        }
+    }
     return out.str();
 }
 
@@ -48,18 +57,26 @@ TEST(RecipeText, MethodPlacesAndSchedules) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"linear 0.7,0.3 0.9", "linear 0.5 0 0 0 | 0.7 0.3 |"},  {"ties 1,1", "ties 1 0 0 0 | |"},
         {"slerp 0.3 1,1", "slerp 0.3 0 0 0 | |"},  {"dare 0.3 ,1,,2,", "dare 0.3 0 0 0 | 1 2 |"},
-        {"chaos 0.1>0.5>0.9", "chaos 0.1 0.5 1 0 | |"},  {"pick 1 9", "pick 0.5 0 0 1 | |"},
+        {"chaos 0.1>0.5>0.9", "chaos 0.1 0.9 1 0 | | ~0.5"},  {"pick 1 9", "pick 0.5 0 0 1 | |"},
         {"ties 0.5 >1,1", "ties 0.5 0 1 0 | | 1 1"},  {"della 0.5 1,1>", "della 0.5 0 1 0 | 1 1 |"},
         {"task 1.0 1,0>0,1", "task 1 0 1 0 | 1 0 | 0 1"},  {"model_stock 0.2 1,1", "model_stock 0.5 0 0 0 | |"},
         {"sce", "sce 1 0 0 0 | |"},  {"sce 0.3 1,1", "sce 0.3 0 0 0 | |"},  {"karcher", "karcher 10 0 0 0 | |"},
         {"karcher 20 1,2", "karcher 20 0 0 0 | 1 2 |"},  {"multislerp", "multislerp 0 0 0 0 | |"},
         {"multislerp 1 0,1,1", "multislerp 1 0 0 0 | 0 1 1 |"},  {"nuslerp 0,1>0,3", "nuslerp 0.5 0 1 0 | 0 1 | 0 3"},
+        {"ties 0.2>0.4>0.6>0.8 1>,1>2,2", "ties 0.2 0.8 1 0 | 1 | 2 2 ~0.4 ~0.6 ~1,"},
+        {"slerp 0.1>0.5>", "stof"},  {"slerp 0.1>>0.5", "stof"},
     };
     // clang-format on
     for (const auto& [expression, expected] : cases) {
-        const MethodSpec spec = parse_recipe("default " + expression + " # note", 2).default_spec;
+        const std::string line = "default " + expression;
+        if (expected == "stof") {
+            EXPECT_THROW(parse_recipe(line, 2), std::invalid_argument) << expression;
+            continue;
+        }
+        const MethodSpec spec = parse_recipe(line + " # note", 2).default_spec;
         EXPECT_EQ(describe(spec), expected) << expression;
-        EXPECT_EQ(spec.text, "default " + expression);
+        EXPECT_EQ(spec.text, line);
+        EXPECT_EQ(spec.line, 1);
     }
 }
 
