@@ -1,10 +1,11 @@
 // Recipe parser on arbitrary text: the first byte picks the source count (1 to 8),
 // the rest is the recipe. Any failure must be a standard exception, and an accepted
-// recipe must hold only what the parser promises.
+// recipe must hold only what the parser promises. Warnings are gathered on the way.
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "recipe/parse_recipe.h"
 
@@ -39,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t sources = 1 + data[0] % 8;
     const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
     try {
-        check_accepted(tevrin::parse_recipe(text, sources), sources);
+        std::vector<std::string> warnings;  // the warning path reads every line too
+        check_accepted(tevrin::parse_recipe(text, sources, &warnings), sources);
     } catch (const std::exception&) {
     }
     return 0;
