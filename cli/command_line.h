@@ -24,10 +24,10 @@ struct CommandLine {
     bool dry = false;
     bool inspect = false;  // the scan stopped at --inspect <inspect_path>
     std::string inspect_path;
-    bool help = false;        // the scan stopped at -h / --help
-    bool version = false;     // the scan stopped at --version
-    int threads = 0;          // -t / --threads; 0 uses all cores
-    std::string usage_error;  // a value the scan refused, e.g. "invalid thread count 'x'"
+    bool help = false;              // the scan stopped at -h / --help
+    bool version = false;           // the scan stopped at --version
+    int threads = 0;                // -t / --threads; 0 uses all cores
+    std::string usage_error;        // a value the scan refused, e.g. "invalid thread count 'x'"
     bool tensors = false;           // the scan stopped at --tensors <inspect_path>
     bool plan = false;              // --plan: report what the run would do, write nothing
     bool json = false;              // --json: the plan report as JSON lines

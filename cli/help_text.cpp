@@ -10,7 +10,9 @@ namespace tevrin {
 
 const char* help_text() {
     return R"(usage: tevrin-fuse (-r recipe|-e text|--random seed) -o out.gguf src...
+       tevrin-fuse --plan [--json] (-r recipe|-e text|--random seed) src...
        tevrin-fuse --inspect file.gguf
+       tevrin-fuse --tensors file.gguf
 
 Makes one GGUF model out of one to eight GGUF models. The first source is the
 base, the others are donors. The recipe says how each tensor is blended, which
@@ -24,7 +26,11 @@ Options (matched exactly; a value is always the next argument):
   -o PATH          the output file; it is replaced only when complete
   -t, --threads N  worker threads (default 0: all cores); output is the same
   --dry            print the recipe and stop
+  --plan           print what the run would do per tensor, with warnings; write
+                   nothing (no -o needed); status 2 when the run would fail
+  --json           with --plan: one JSON object per line
   --inspect PATH   print a one-line JSON report of a GGUF file and stop
+  --tensors PATH   the same report with the file's tensor list
   -h, --help       this text
   --version        program and ggml versions
   anything else    a source path
@@ -38,7 +44,8 @@ Recipe directives (one per line, # starts a comment):
   tensor GLOB METHOD        method for tensors whose name matches (* and ?)
   stack S:A-B S:L ...       build the output from whole layers of sources
 
-Methods (t is a number, W a weight list such as 1,0.5; a>b is a schedule):
+Methods (t is a number, W a weight list such as 1,0.5; a>b or a>b>c... is a
+schedule across layers):
   linear [W]                weighted mean
   slerp [t]                 spherical interpolation base -> second source
   pick [index]              one source's tensor
@@ -59,8 +66,9 @@ Methods (t is a number, W a weight list such as 1,0.5; a>b is a schedule):
 Output words (case-insensitive):
   f32 f16 bf16 q8_0 q6_k q5_k q5_0 q4_k q4_0, or keep (each source type)
 
-Exit status: 0 success (also --dry, --inspect, --help, --version),
-             1 usage failure, 2 the run failed or was interrupted.
+Exit status: 0 success (also --dry, --inspect, --tensors, --help, --version,
+             and --plan of a run that would succeed), 1 usage failure,
+             2 the run failed or was interrupted (or --plan finds it would fail).
 
 Example:
   tevrin-fuse -e 'out q8_0
