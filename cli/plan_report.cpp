@@ -149,8 +149,15 @@ void describe_sources(const RunPreview& preview, const TensorPlan& plan,
         if (name != plan.name) {
             row.sources += " (" + name + ")";
         }
+        // A donor aligned on a shared vocabulary gives only its first rows.
+        const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
+        const int64_t given = source_row_count(plan, size_t(s));
+        if (given < rows) {
+            row.sources += " (rows 0-" + std::to_string(given - 1) + ")";
+        }
         json += std::string(json.empty() ? "" : ",") + "{\"index\":" + std::to_string(s) +
-                ",\"tensor\":\"" + json_escape(name) + "\",\"type\":\"" + type + "\"}";
+                ",\"tensor\":\"" + json_escape(name) + "\",\"type\":\"" + type +
+                "\",\"rows\":" + std::to_string(given) + "}";
     }
     std::string dropped_json;
     for (size_t s = 0; s < plan.dropped.size(); ++s) {
