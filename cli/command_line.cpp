@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "cli/compare_command.h"
 #include "cli/help_text.h"
 #include "cli/plan_report.h"
 #include "cli/progress_printer.h"
@@ -24,6 +25,8 @@ namespace tevrin {
 
 const char* const kUsageLine =
     "usage: tevrin-fuse (-r recipe|-e text|--random seed) -o out.gguf src...\n";
+const char* const kCompareUsageLine =
+    "usage: tevrin-fuse --compare [--json] [--svg out.svg] reference src... (2 to 8 sources)\n";
 
 namespace {
 
@@ -45,8 +48,8 @@ std::vector<std::string> scan_warnings(const CommandLine& cl) {
     return {"cannot read recipe file " + cl.unreadable_recipe + ": the recipe is empty"};
 }
 
-int usage_failure() {
-    std::fputs(kUsageLine, stderr);
+int usage_failure(const char* line = kUsageLine) {
+    std::fputs(line, stderr);
     return 1;
 }
 
@@ -132,6 +135,9 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         const bool has_value = i + 1 < args.size();
+        const bool fusion_option =
+            a == "-r" || a == "-e" || a == "--random" || a == "--type" || a == "-o" || a == "--dry";
+        cl.fusion_options |= fusion_option && (has_value || a == "--dry");
         if (a == "--inspect" && has_value) {
             cl.inspect = true;
             cl.inspect_path = args[i + 1];
@@ -169,6 +175,10 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             cl.plan = true;
         } else if (a == "--json") {
             cl.json = true;
+        } else if (a == "--compare") {
+            cl.compare = true;
+        } else if (a == "--svg" && has_value) {
+            cl.svg_path = args[++i];
         } else {
             cl.sources.push_back(a);
         }
@@ -208,7 +218,15 @@ int run_command_line(int argc, char** argv) {
     }
     if (!cl.usage_error.empty()) {
         std::fprintf(stderr, "%s\n", cl.usage_error.c_str());
-        return usage_failure();
+        return usage_failure(cl.compare ? kCompareUsageLine : kUsageLine);
+    }
+    if (cl.compare) {
+        if (cl.fusion_options || cl.plan || cl.sources.size() < 2 || cl.sources.size() > 8) {
+            return usage_failure(kCompareUsageLine);
+        }
+        std::signal(SIGBUS, on_bus_error);
+        catch_interrupts();
+        return run_compare(cl.sources, cl.threads, cl.json, cl.svg_path, &g_cancel);
     }
     if ((cl.output_path.empty() && !cl.dry && !cl.plan) || cl.sources.empty()) {
         return usage_failure();

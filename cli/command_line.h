@@ -14,6 +14,7 @@
 namespace tevrin {
 
 extern const char* const kUsageLine;
+extern const char* const kCompareUsageLine;
 
 struct CommandLine {
     std::string recipe_text;
@@ -32,6 +33,9 @@ struct CommandLine {
     bool plan = false;              // --plan: report what the run would do, write nothing
     bool json = false;              // --json: the plan report as JSON lines
     std::string unreadable_recipe;  // the -r file the recipe text came from, if unreadable
+    bool compare = false;           // --compare: the sources are compared, nothing is written
+    std::string svg_path;           // --svg <path>, a compare option
+    bool fusion_options = false;    // -r, -e, --random, --type, -o or --dry was given
 };
 
 // Scans the arguments after the program name, in order; an option that needs a

@@ -13,6 +13,7 @@ const char* help_text() {
        tevrin-fuse --plan [--json] (-r recipe|-e text|--random seed) src...
        tevrin-fuse --inspect file.gguf
        tevrin-fuse --tensors file.gguf
+       tevrin-fuse --compare [--json] [--svg out.svg] reference src...
 
 Makes one GGUF model out of one to eight GGUF models. The first source is the
 base, the others are donors. The recipe says how each tensor is blended, which
@@ -28,9 +29,13 @@ Options (matched exactly; a value is always the next argument):
   --dry            print the recipe and stop
   --plan           print what the run would do per tensor, with warnings; write
                    nothing (no -o needed); status 2 when the run would fail
-  --json           with --plan: one JSON object per line
+  --json           with --plan or --compare: one JSON object per line
   --inspect PATH   print a one-line JSON report of a GGUF file and stop
   --tensors PATH   the same report with the file's tensor list
+  --compare        compare 2 to 8 sources with the first: cosine and relative
+                   distance per tensor, means per layer and role; nothing is
+                   written but the optional picture
+  --svg PATH       with --compare: also write a heatmap of 1 - cosine as SVG
   -h, --help       this text
   --version        program and ggml versions
   anything else    a source path
