@@ -115,8 +115,10 @@ int run_fusion(const CommandLine& cl) {
     std::signal(SIGBUS, on_bus_error);
     catch_interrupts();
     ProgressPrinter printer;
-    const FuseResult r = fuse(cl.sources, cl.recipe_text, cl.output_path, cl.threads, &g_cancel,
-                              [&printer](const FuseProgress& p) { print_progress(printer, p); });
+    const FuseResult r = fuse(
+        cl.sources, cl.recipe_text, cl.output_path, cl.threads, &g_cancel,
+        [&printer](const FuseProgress& p) { print_progress(printer, p); },
+        FuseOptions{cl.imatrix_path});
     std::fputc('\n', stderr);
     for (const std::string& warning : r.warnings) {
         std::fprintf(stderr, "warning: %s\n", warning.c_str());
@@ -157,6 +159,8 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             cl.seed = std::strtoll(args[++i].c_str(), nullptr, 10);
         } else if (a == "--type" && has_value) {
             cl.out_type = args[++i];
+        } else if (a == "--imatrix" && has_value) {
+            cl.imatrix_path = args[++i];
         } else if (a == "-o" && has_value) {
             cl.output_path = args[++i];
         } else if (a == "--dry") {

@@ -20,6 +20,7 @@ struct CommandLine {
     std::string recipe_text;
     std::string output_path;
     std::string out_type = "q8_0";  // only read when a recipe is generated
+    std::string imatrix_path;       // --imatrix; empty for none
     std::vector<std::string> sources;
     int64_t seed = -1;  // 0 or more turns recipe generation on
     bool dry = false;

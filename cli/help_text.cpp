@@ -24,6 +24,7 @@ Options (matched exactly; a value is always the next argument):
   -e TEXT          the recipe text itself (-r and -e overwrite each other)
   --random SEED    generate a recipe from a seed (replaces -r / -e)
   --type WORD      output type written into a generated recipe (default q8_0)
+  --imatrix FILE   importance matrix for the quantizer (llama-imatrix output)
   -o PATH          the output file; it is replaced only when complete
   -t, --threads N  worker threads (default 0: all cores); output is the same
   --dry            print the recipe and stop
@@ -47,6 +48,7 @@ Recipe directives (one per line, # starts a comment):
   default METHOD            method for every tensor no other rule takes
   layers A-B METHOD         method for the block tensors of layers A to B
   tensor GLOB METHOD        method for tensors whose name matches (* and ?)
+  type GLOB WORD            output type of the matrices whose name matches
   stack S:A-B S:L ...       build the output from whole layers of sources
 
 Methods (t is a number, W a weight list such as 1,0.5; a>b or a>b>c... is a
@@ -69,7 +71,10 @@ schedule across layers):
   nuslerp [W]               base + slerp of two donors' task vectors
 
 Output words (case-insensitive):
-  f32 f16 bf16 q8_0 q6_k q5_k q5_0 q4_k q4_0, or keep (each source type)
+  f32 f16 bf16 q8_0 q6_k q5_k q5_1 q5_0 q4_k q4_1 q4_0 iq4_nl iq4_xs q3_k q2_k
+  tq2_0 tq1_0, or keep (each source type)
+  with --imatrix also: iq3_s iq3_xxs iq2_s iq2_xs iq2_xxs iq1_m iq1_s
+  named mixes: q5_k_m q5_k_s q4_k_m q4_k_s q3_k_l q3_k_m q3_k_s q2_k_s
 
 Exit status: 0 success (also --dry, --inspect, --tensors, --help, --version,
              and --plan of a run that would succeed), 1 usage failure,

@@ -1,5 +1,6 @@
 #include "fuse/encode_rows.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
@@ -22,6 +23,9 @@ bool grid_searched_type(int32_t type) {
         case GGML_TYPE_IQ3_S:
         case GGML_TYPE_IQ2_S:
         case GGML_TYPE_IQ1_M:
+        case GGML_TYPE_IQ2_XXS:
+        case GGML_TYPE_IQ2_XS:
+        case GGML_TYPE_IQ1_S:
             return true;
         default:
             return false;
@@ -40,8 +44,12 @@ void check_grid_range(int32_t out_type, const float* src, int64_t count) {
 
 }  // namespace
 
-bool encodable_type(int32_t type) {
+bool encodable_type(int32_t type, bool with_importance) {
     switch (ggml_type(type)) {
+        case GGML_TYPE_IQ2_XXS:
+        case GGML_TYPE_IQ2_XS:
+        case GGML_TYPE_IQ1_S:
+            return with_importance;
         case GGML_TYPE_F32:
         case GGML_TYPE_F16:
         case GGML_TYPE_BF16:
@@ -70,22 +78,37 @@ bool encodable_type(int32_t type) {
     }
 }
 
-void check_encodable(int32_t type) {
-    if (!encodable_type(type)) {
+void check_encodable(int32_t type, bool with_importance) {
+    if (!encodable_type(type, with_importance)) {
         throw std::runtime_error(std::string("cannot quantize to type ") +
                                  ggml_type_name(ggml_type(type)));
     }
 }
 
 void encode_rows(int32_t out_type, const float* src, uint8_t* dest, int64_t rows, int64_t row_len,
-                 size_t row_bytes) {
+                 size_t row_bytes, int64_t first_row, const RowImportance& importance) {
     if (grid_searched_type(out_type)) {
         check_grid_range(out_type, src, rows * row_len);
     }
     if (out_type == GGML_TYPE_F32) {
         std::memcpy(dest, src, size_t(rows) * row_bytes);
-    } else if (!encode_rows_fast(out_type, src, dest, rows, row_len)) {
-        ggml_quantize_chunk(ggml_type(out_type), src, dest, 0, rows, row_len, nullptr);
+        return;
+    }
+    if (importance.values == nullptr) {
+        if (!encode_rows_fast(out_type, src, dest, rows, row_len)) {
+            ggml_quantize_chunk(ggml_type(out_type), src, dest, 0, rows, row_len, nullptr);
+        }
+        return;
+    }
+    // One call per stretch of rows that shares a matrix's list.
+    for (int64_t done = 0; done < rows;) {
+        const int64_t row = first_row + done;
+        const int64_t matrix = row / importance.rows_per_matrix;
+        const int64_t n = std::min(rows - done, (matrix + 1) * importance.rows_per_matrix - row);
+        ggml_quantize_chunk(ggml_type(out_type), src + done * row_len,
+                            dest + size_t(done) * row_bytes, 0, n, row_len,
+                            importance.values + matrix * row_len);
+        done += n;
     }
 }
 

@@ -13,6 +13,7 @@
 #include "fuse/parallel_rows.h"
 #include "fuse/plan_run.h"
 #include "fuse/tensor_records.h"
+#include "fuse/type_choice.h"
 #include "fuse/write_tensor.h"
 #include "model/gguf_handle.h"
 #include "recipe/parse_recipe.h"
@@ -75,7 +76,7 @@ void emit_progress(const ProgressFn& progress, float fraction, const std::string
 
 FuseResult fuse(const std::vector<std::string>& source_paths, const std::string& recipe_text,
                 const std::string& output_path, int threads, const std::atomic<bool>* cancel,
-                const ProgressFn& progress) {
+                const ProgressFn& progress, const FuseOptions& options) {
     const auto start = std::chrono::steady_clock::now();
     FuseResult result;
     OutputStream output;
@@ -106,6 +107,12 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
 
         RunPlan run = plan_run(recipe, sources);
         std::vector<TensorPlan>& plans = run.plans;
+
+        const std::unique_ptr<ImportanceMatrix> matrix =
+            options.imatrix_path.empty()
+                ? nullptr
+                : std::make_unique<ImportanceMatrix>(read_importance_matrix(options.imatrix_path));
+        attach_importance(plans, recipe, matrix.get());
 
         out_gguf = make_output_metadata(sources, recipe, recipe_text, run.notes);
         out_ggml = add_tensor_records(out_gguf.get(), plans);

@@ -39,11 +39,18 @@ using ProgressFn = std::function<void(const FuseProgress&)>;
 // Calls `progress` with the event when it is set.
 void emit_progress(const ProgressFn& progress, float fraction, const std::string& label);
 
+// Settings of a run beyond the sources and the recipe.
+struct FuseOptions {
+    // An importance matrix (either file form of the inference tree's imatrix tool);
+    // empty for none. Read after the recipe, before the output is opened.
+    std::string imatrix_path;
+};
+
 // `threads` of 0 or less uses the hardware concurrency. `cancel` may be null; a
 // true value stops the run at the next tensor or chunk boundary with "cancelled".
 // `progress` may be empty; it is always called on the calling thread.
 FuseResult fuse(const std::vector<std::string>& sources, const std::string& recipe_text,
                 const std::string& output_path, int threads, const std::atomic<bool>* cancel,
-                const ProgressFn& progress);
+                const ProgressFn& progress, const FuseOptions& options = {});
 
 }  // namespace tevrin

@@ -4,6 +4,7 @@
 
 #include "fuse/stack_plan.h"
 #include "fuse/vocab_align.h"
+#include "fuse/type_choice.h"
 
 namespace tevrin {
 namespace {
@@ -38,6 +39,7 @@ RunPlan plan_run(const Recipe& recipe, const SourceList& sources) {
         plan_base_tensors(ctx, true);
     }
     add_vocab_notes(sources, run.plans, run.notes);
+    settle_output_types(run.plans, recipe, read_model_facts(*sources[0], run.output_layers));
     return run;
 }
 

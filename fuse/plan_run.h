@@ -19,7 +19,9 @@ struct RunPlan {
     std::vector<std::string> notes;  // unsorted; the driver sorts and joins them
 };
 
-// Fails like check_stack_ranges and plan_stack for a stacked recipe.
+// Output types are settled (mix rules, type lines) before it returns. Fails like
+// check_stack_ranges and plan_stack for a stacked recipe, and like
+// settle_output_types.
 RunPlan plan_run(const Recipe& recipe, const SourceList& sources);
 
 // The notes sorted, without repeats, joined by "; " (empty for none).

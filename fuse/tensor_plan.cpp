@@ -133,8 +133,9 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     plan.name = name;
     plan.ne = tensor_shape(model, tensor);
     plan.n_dims = dims_in_use(plan.ne);
-    plan.out_type = choose_out_type(ctx.recipe.out, plan.n_dims, plan.ne[0],
-                                    gguf_get_tensor_type(model.gguf, tensor));
+    plan.source_type = gguf_get_tensor_type(model.gguf, tensor);
+    plan.out_type =
+        choose_out_type(ctx.recipe.out, plan.n_dims, plan.ne[0], ggml_type(plan.source_type));
     plan.only_source = only_source;
     plan.spec = choose_spec(ctx.recipe, name, layer, ctx.output_layers);
     plan.source_tensors.assign(ctx.sources.size(), -1);
@@ -145,14 +146,16 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     if (only_source >= 0) {
         plan.source_tensors[size_t(only_source)] = tensor;
         plan.source_rows[size_t(only_source)] = rows;
+        plan.importance_name = gguf_get_tensor_name(model.gguf, tensor);
         ctx.plans.push_back(std::move(plan));
         return;
     }
     const SourceModel& base = *ctx.sources[0];
+    plan.importance_name = lookup_name;
     for (size_t s = 0; s < ctx.sources.size(); ++s) {
         const SourceModel& source = *ctx.sources[s];
-        const auto found =
-            source.tensor_index.find(source_key(lookup_name, layer, base.n_layer, source.n_layer));
+        const std::string key = source_key(lookup_name, layer, base.n_layer, source.n_layer);
+        const auto found = source.tensor_index.find(key);
         if (found == source.tensor_index.end()) {
             plan.fallback = plan.fallback || s != 0;
             plan.dropped[s] = s != 0 ? DropReason::missing : DropReason::none;
@@ -164,6 +167,9 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
         if (same || shared > 0) {
             plan.source_tensors[s] = found->second;
             plan.source_rows[s] = same ? rows : shared;
+            if (same && plan.spec.method == BlendMethod::pick && plan.spec.pick == int32_t(s)) {
+                plan.importance_name = key;
+            }
         } else if (s != 0) {
             plan.fallback = true;
             plan.dropped[s] = drop_reason(model, plan.ne, source, found->second);

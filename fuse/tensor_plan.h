@@ -33,6 +33,13 @@ struct TensorPlan {
     // aligned on a shared vocabulary (see vocab_align.h). An empty list means that
     // every feeding source gives all rows.
     std::vector<int64_t> source_rows;
+    int32_t source_type = 0;  // type of the tensor the plan was made from
+    // The importance-matrix entry that follows the data: the name of the tensor in
+    // the source it comes from (the stacked source layer, the picked source's
+    // aligned layer), else the base's name. `importance` is set once a matrix is
+    // attached and the output type is quantized.
+    std::string importance_name;
+    const std::vector<float>* importance = nullptr;
 };
 
 // The rows source `s` gives to `plan` (see TensorPlan::source_rows).

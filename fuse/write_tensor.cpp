@@ -49,6 +49,13 @@ uint64_t decode_chunk(const WriteContext& ctx, const TensorPlan& plan,
     return read;
 }
 
+RowImportance importance_of(const TensorPlan& plan) {
+    if (plan.importance == nullptr) {
+        return {};
+    }
+    return {plan.importance->data(), plan.ne[1]};
+}
+
 int64_t count_non_finite(const float* values, int64_t count) {
     int64_t found = 0;
     for (int64_t i = 0; i < count; ++i) {
@@ -75,7 +82,7 @@ int64_t blend_and_encode_chunk(const WriteContext& ctx, const TensorPlan& plan,
         blend_rows(spec, seed, start + lo, local, blended, hi - lo, row_len);
         non_finite += count_non_finite(blended, (hi - lo) * row_len);
         encode_rows(plan.out_type, blended, buf.encoded.data() + size_t(lo) * row_bytes, hi - lo,
-                    row_len, row_bytes);
+                    row_len, row_bytes, start + lo, importance_of(plan));
     });
     return non_finite.load();
 }
@@ -147,7 +154,7 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     if (uint64_t(rows) * row_bytes == 0) {  // no element: ggml must not see a 0 row
         return {};
     }
-    check_encodable(plan.out_type);
+    check_encodable(plan.out_type, plan.importance != nullptr);
     std::vector<int32_t> decoded_sources;
     for (const RowSpan& span : spans) {
         for (const int32_t s : span.active.sources) {

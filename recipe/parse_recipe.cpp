@@ -98,6 +98,17 @@ void append_slice(const std::string& token, std::vector<StackSlice>& stack, Warn
     }
 }
 
+// "type <glob> <word>": a plain type word or keep; a mix names no single type.
+TypeRule parse_type_rule(const std::vector<std::string>& tokens, const std::string& line) {
+    const std::string& pattern = required_token(tokens, 1);
+    const std::string& word = required_token(tokens, 2);
+    const OutType out = parse_out_type(word);
+    if (out.mix != QuantMix::none) {
+        throw std::invalid_argument("'" + word + "' is a mix, not a tensor type");
+    }
+    return TypeRule{pattern, out, line};
+}
+
 // `line_number` goes into the rule's MethodSpec; `warnings` (may be null) gets
 // what this line reads leniently.
 void apply_directive(const std::vector<std::string>& tokens, const std::string& line,
@@ -126,6 +137,8 @@ void apply_directive(const std::vector<std::string>& tokens, const std::string& 
         const std::string& pattern = required_token(tokens, 1);
         recipe.tensor_rules.push_back({pattern, parse_method(tokens, 2, line, warnings)});
         recipe.tensor_rules.back().spec.line = line_number;
+    } else if (word == "type") {
+        recipe.type_rules.push_back(parse_type_rule(tokens, line));
     } else if (word == "stack") {
         for (size_t i = 1; i < tokens.size(); ++i) {
             append_slice(tokens[i], recipe.stack, warnings);

@@ -1,7 +1,7 @@
 // Recipe text to Recipe.
 //
-// The text is line based: "name", "out", "seed", "default", "layers", "tensor" and
-// "stack" directives, "#" comments to the end of a line. A failure inside a line
+// The text is line based: "name", "out", "seed", "default", "layers", "tensor",
+// "type" and "stack" directives, "#" comments to the end of a line. A failure inside a line
 // is rethrown as "recipe line N: <message>"; the final checks (pick index, slerp /
 // nearswap source count, stack source index) run after the last line and carry no
 // line number. The first failure ends parsing; no partial Recipe is returned.

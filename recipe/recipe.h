@@ -34,12 +34,29 @@ enum class BlendMethod : int32_t {
 // The number of methods: the last enumerator + 1, so it moves with the enum.
 inline constexpr int32_t kMethodCount = int32_t(BlendMethod::nuslerp) + 1;
 
+// A named mix: a per-tensor choice of types by role, layer and model geometry,
+// as the usual quantizer makes it for the file type of the same name.
+enum class QuantMix : int32_t {
+    none = 0,
+    q2_k_s,
+    q3_k_s,
+    q3_k_m,
+    q3_k_l,
+    q4_k_s,
+    q4_k_m,
+    q5_k_s,
+    q5_k_m,
+};
+
 // Output tensor type of a run. `type` is a ggml type number and means nothing
-// while `keep` is true (it then holds 43, which must never reach ggml).
+// while `keep` is true (it then holds 43, which must never reach ggml). For a mix,
+// `type` is the mix's main type and the per-tensor choice is made later.
 struct OutType {
     int32_t type = 8;
     bool keep = false;
     int32_t file_type = 7;  // general.file_type value; -1 leaves the base's key alone
+    QuantMix mix = QuantMix::none;
+    bool needs_matrix = false;  // only made with an importance matrix (--imatrix)
 };
 
 // One method expression such as "slerp 0.2>0.8" or "ties 0.5 1,0.5".
@@ -70,6 +87,14 @@ struct TensorRule {
     MethodSpec spec;
 };
 
+// "type <glob> <word>": the output type of the matching tensors, after `out` and
+// the mix rules; among these the last match wins.
+struct TypeRule {
+    std::string pattern;
+    OutType out;
+    std::string text;  // the recipe line, for messages
+};
+
 // One output layer of a stack: layer `layer` of source `source`.
 struct StackSlice {
     int32_t source = 0;
@@ -83,11 +108,12 @@ struct Recipe {
     MethodSpec default_spec;
     std::vector<LayerRule> layer_rules;
     std::vector<TensorRule> tensor_rules;
+    std::vector<TypeRule> type_rules;
     std::vector<StackSlice> stack;  // empty: the output keeps the base's layers
 };
 
-// Looks a type word up case-insensitively among "f32", "f16", "bf16", "q8_0",
-// "q6_k", "q5_k", "q5_0", "q4_k", "q4_0" and "keep".
+// Looks a type word up case-insensitively in the table of recipe/type_words.h
+// (plain types, "keep" and the named mixes).
 // Throws std::invalid_argument("unknown out type '<word>'").
 OutType parse_out_type(const std::string& word);
 

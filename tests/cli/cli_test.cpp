@@ -191,7 +191,7 @@ TEST_F(CliTest, EachRecipeFailureEndsTheRunWithItsMessage) {
          "recipe line 2: vector::_M_range_check: __n (which is 1) >= this->size() "
          "(which is 1)"},
         {"layers 0-3", "recipe line 1: missing method in: layers 0-3"},
-        {"out q4_k_m", "recipe line 1: unknown out type 'q4_k_m'"},
+        {"out q4_k_l", "recipe line 1: unknown out type 'q4_k_l'"},
         {"default slerp x", "recipe line 1: stof"},
         {"layers -1-3 pick 0", "recipe line 1: stoi"},
         {"seed abc", "recipe line 1: stoull"},

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 #include "blend/blend.h"
 #include "blend/draws.h"

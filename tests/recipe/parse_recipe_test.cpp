@@ -135,7 +135,7 @@ TEST(RecipeText, FailureMessagesAndTheOrderOfFinalChecks) {
         {"seed 1\r\nseed 2\r\nlayers\r\n", 3, range},
         {"\v\n\f\v\f\nseed 5\n\f\nbad directive", 5, "unknown directive 'bad'"},
         {"tensor *attn#q* pick 0 # c", 1, "missing method in: tensor *attn"},
-        {"out q4_k_m", 1, "unknown out type 'q4_k_m'"},
+        {"out q4_k_l", 1, "unknown out type 'q4_k_l'"},
         {"seed abc", 1, "stoull"},
         {"default slerp >0.8", 1, "stof"},
         {"stack 0:0 1", 1, "stack slice needs src:a-b"},
