@@ -26,7 +26,7 @@ void blend_rows(const MethodSpec& spec, uint64_t seed, int64_t first_row,
 // Exactly `count` weights: weights[k] where given, `fill` beyond the list.
 std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count, float fill);
 
-// The spec's weights fitted to `count` sources: all 1 for an empty list, else the
+// The MethodSpec's weights fitted to `count` sources: all 1 for an empty list, else the
 // list filled with the method's weight fill.
 std::vector<float> method_weights(const MethodSpec& spec, size_t count);
 

@@ -21,7 +21,7 @@
 namespace tevrin {
 
 struct TensorPreview {
-    ActiveSources active;     // the sources decoded and the spec they are blended with
+    ActiveSources active;     // the sources decoded and the MethodSpec they are blended with
     bool copied = false;      // the bytes are copied unchanged from active.single
     uint64_t bytes_read = 0;  // source bytes the run reads for it
     uint64_t bytes_out = 0;   // its data in the output, before the alignment fill

@@ -124,7 +124,7 @@ std::vector<float> parse_float_list(const std::string& text);
 // line and becomes MethodSpec::text. Throws "missing method in: <text>",
 // "unknown method '<word>' in: <text>", "stof" or "stoi". When `warnings` is set,
 // what was read leniently (text behind a number, tokens no place takes, a
-// "name=value" argument) is appended to it, without a line prefix; the spec is
+// "name=value" argument) is appended to it, without a line prefix; the result is
 // the same either way.
 MethodSpec parse_method(const std::vector<std::string>& tokens, size_t position,
                         const std::string& text, std::vector<std::string>* warnings = nullptr);
