@@ -123,22 +123,21 @@ void decode_both(const std::vector<std::string>& paths, int32_t threads, std::ve
     SourceModel sources[2];
     sources[0].open(paths[0]);
     sources[1].open(paths[1]);
-    for (int64_t i = 0; i < gguf_get_n_tensors(sources[0].gguf); ++i) {
-        const int64_t* ne = gguf_get_tensor_ne(sources[0].gguf, i);
+    for (int64_t i = 0; i < tensor_count(sources[0]); ++i) {
+        const std::array<int64_t, 4> ne = tensor_shape(sources[0], i);
         const int64_t rows = ne[1] * ne[2] * ne[3];
         const int64_t rows_per_chunk = chunk_rows(ne[0], rows);
         dest.resize(size_t(rows_per_chunk * ne[0]));
         for (int64_t start = 0; start < rows; start += rows_per_chunk) {
             const int64_t n = std::min(rows_per_chunk, rows - start);
             for (const SourceModel& src : sources) {
-                const int64_t index = src.tensor_index.at(gguf_get_tensor_name(sources[0].gguf, i));
+                const int64_t index = src.tensor_index.at(tensor_name(sources[0], i));
                 parallel_rows(int32_t(std::min<int64_t>(threads, n)), n,
                               [&](int64_t lo, int64_t hi) {
                                   decode_source_rows(src, index, start + lo, hi - lo, ne[0],
                                                      dest.data() + lo * ne[0]);
                               });
-                const size_t row_bytes =
-                    ggml_row_size(gguf_get_tensor_type(src.gguf, index), ne[0]);
+                const size_t row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), ne[0]);
                 release_pages(tensor_data(src, index) + size_t(start) * row_bytes,
                               row_bytes * size_t(n));
             }

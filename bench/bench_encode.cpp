@@ -277,14 +277,14 @@ TensorComparison compare_tensors(const std::string& ours, const std::string& the
             continue;
         }
         const int64_t j = other->second;
-        if (gguf_get_tensor_type(a.gguf, i) != gguf_get_tensor_type(b.gguf, j)) {
+        if (tensor_type(a, i) != tensor_type(b, j)) {
             ++c.other_type;
             continue;
         }
-        const size_t size = gguf_get_tensor_size(a.gguf, i);
-        const uint8_t* pa = a.mapping + a.data_offset + gguf_get_tensor_offset(a.gguf, i);
-        const uint8_t* pb = b.mapping + b.data_offset + gguf_get_tensor_offset(b.gguf, j);
-        const bool same = size == gguf_get_tensor_size(b.gguf, j) && std::memcmp(pa, pb, size) == 0;
+        const size_t size = tensor_size(a, i);
+        const uint8_t* pa = tensor_data(a, i);
+        const uint8_t* pb = tensor_data(b, j);
+        const bool same = size == tensor_size(b, j) && std::memcmp(pa, pb, size) == 0;
         ++(same ? c.same : c.different);
     }
     return c;

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -257,9 +258,9 @@ struct Matrix {
 
 std::vector<Matrix> list_matrices(const SourceModel& a, const SourceModel& b) {
     std::vector<Matrix> list;
-    for (int64_t i = 0; i < gguf_get_n_tensors(a.gguf); ++i) {
-        const int64_t* ne = gguf_get_tensor_ne(a.gguf, i);
-        const std::string name = gguf_get_tensor_name(a.gguf, i);
+    for (int64_t i = 0; i < tensor_count(a); ++i) {
+        const std::array<int64_t, 4> ne = tensor_shape(a, i);
+        const std::string name = tensor_name(a, i);
         const auto other = b.tensor_index.find(name);
         if (ne[1] <= 1 || other == b.tensor_index.end()) {
             continue;
@@ -322,11 +323,13 @@ void time_chunk(const SourceModel* const src[2], const Matrix& m, int64_t start,
     }
 }
 
-// Touches every page of a mapping, so no run pays the first-touch faults.
+// Touches every page of the mappings, so no run pays the first-touch faults.
 void touch_mapping(const SourceModel& src) {
     volatile uint8_t sink = 0;
-    for (uint64_t at = 0; at < src.mapping_size; at += 4096) {
-        sink = sink + src.mapping[at];
+    for (const SourceShard& shard : src.shards) {
+        for (uint64_t at = 0; at < shard.mapping_size; at += 4096) {
+            sink = sink + shard.mapping[at];
+        }
     }
 }
 

@@ -16,9 +16,11 @@
 #include "cli/plan_report.h"
 #include "cli/progress_printer.h"
 #include "fuse/fuse.h"
+#include "fuse/output_parts.h"
 #include "fuse/output_stream.h"
 #include "model/gguf_handle.h"
 #include "model/inspect.h"
+#include "model/shard_names.h"
 #include "recipe/random_recipe.h"
 
 namespace tevrin {
@@ -109,6 +111,18 @@ bool read_thread_count(const std::string& text, int& threads) {
     return true;
 }
 
+// A whole number of tensors per shard, from 1 up, nothing else.
+bool read_shard_tensors(const std::string& text, int64_t& count) {
+    int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc() || at != end || value < 1) {
+        return false;
+    }
+    count = value;
+    return true;
+}
+
 int run_fusion(const CommandLine& cl) {
     std::printf("---- recipe ----\n%s\n----------------\n", cl.recipe_text.c_str());
     std::fflush(stdout);
@@ -118,7 +132,7 @@ int run_fusion(const CommandLine& cl) {
     const FuseResult r = fuse(
         cl.sources, cl.recipe_text, cl.output_path, cl.threads, &g_cancel,
         [&printer](const FuseProgress& p) { print_progress(printer, p); },
-        FuseOptions{cl.imatrix_path});
+        FuseOptions{cl.imatrix_path, cl.split});
     std::fputc('\n', stderr);
     for (const std::string& warning : r.warnings) {
         std::fprintf(stderr, "warning: %s\n", warning.c_str());
@@ -137,8 +151,9 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         const bool has_value = i + 1 < args.size();
-        const bool fusion_option =
-            a == "-r" || a == "-e" || a == "--random" || a == "--type" || a == "-o" || a == "--dry";
+        const bool fusion_option = a == "-r" || a == "-e" || a == "--random" || a == "--type" ||
+                                   a == "-o" || a == "--dry" || a == "--split-max-size" ||
+                                   a == "--split-max-tensors";
         cl.fusion_options |= fusion_option && (has_value || a == "--dry");
         if (a == "--inspect" && has_value) {
             cl.inspect = true;
@@ -163,6 +178,16 @@ CommandLine scan_command_line(const std::vector<std::string>& args) {
             cl.imatrix_path = args[++i];
         } else if (a == "-o" && has_value) {
             cl.output_path = args[++i];
+        } else if (a == "--split-max-size" && has_value) {
+            const auto bytes = parse_byte_size(args[++i]);
+            cl.split.max_bytes = bytes.value_or(0);
+            if (!bytes) {
+                cl.usage_error = "invalid split size '" + args[i] + "'";
+            }
+        } else if (a == "--split-max-tensors" && has_value) {
+            if (!read_shard_tensors(args[++i], cl.split.max_tensors)) {
+                cl.usage_error = "invalid tensor count '" + args[i] + "'";
+            }
         } else if (a == "--dry") {
             cl.dry = true;
         } else if (a == "-h" || a == "--help") {
@@ -236,7 +261,8 @@ int run_command_line(int argc, char** argv) {
         return usage_failure();
     }
     if (cl.seed >= 0) {
-        const int32_t layers = report_layer_count(inspect_json(cl.sources[0], false));
+        const int32_t layers =
+            report_layer_count(inspect_json(first_shard_path(cl.sources[0]), false));
         cl.recipe_text =
             random_recipe(int32_t(cl.sources.size()), layers, uint64_t(cl.seed), cl.out_type);
     }

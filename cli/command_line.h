@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "fuse/fuse.h"
+
 namespace tevrin {
 
 extern const char* const kUsageLine;
@@ -37,6 +39,7 @@ struct CommandLine {
     bool compare = false;           // --compare: the sources are compared, nothing is written
     std::string svg_path;           // --svg <path>, a compare option
     bool fusion_options = false;    // -r, -e, --random, --type, -o or --dry was given
+    SplitLimits split;              // --split-max-size, --split-max-tensors
 };
 
 // Scans the arguments after the program name, in order; an option that needs a

@@ -27,6 +27,11 @@ Options (matched exactly; a value is always the next argument):
   --imatrix FILE   importance matrix for the quantizer (llama-imatrix output)
   -o PATH          the output file; it is replaced only when complete
   -t, --threads N  worker threads (default 0: all cores); output is the same
+  --split-max-size SIZE
+                   write the output as shards of at most SIZE bytes of tensor
+                   data each (500M, 4G, plain bytes)
+  --split-max-tensors N
+                   write the output as shards of at most N tensors each
   --dry            print the recipe and stop
   --plan           print what the run would do per tensor, with warnings; write
                    nothing (no -o needed); status 2 when the run would fail
@@ -39,7 +44,7 @@ Options (matched exactly; a value is always the next argument):
   --svg PATH       with --compare: also write a heatmap of 1 - cosine as SVG
   -h, --help       this text
   --version        program and ggml versions
-  anything else    a source path
+  anything else    a source path (any shard of a sharded model opens all)
 
 Recipe directives (one per line, # starts a comment):
   name TEXT                 general.name of the output

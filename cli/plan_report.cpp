@@ -67,8 +67,7 @@ std::string shape_text(const TensorPlan& plan, const char* separator) {
 // Why the output type is not the recipe's; empty when it is.
 TypeReason type_reason(const Recipe& recipe, const TensorPlan& plan, const SourceList& sources) {
     const int32_t s = plan.only_source >= 0 ? plan.only_source : 0;
-    const int32_t source_type =
-        int32_t(gguf_get_tensor_type(sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+    const int32_t source_type = tensor_type(*sources[size_t(s)], plan.source_tensors[size_t(s)]);
     if (!recipe.out.keep && plan.out_type == recipe.out.type) {
         return {};
     }
@@ -143,8 +142,8 @@ void describe_sources(const RunPreview& preview, const TensorPlan& plan,
     for (const int32_t s : tensor.active.sources) {
         const SourceModel& source = *preview.sources[size_t(s)];
         const int64_t index = plan.source_tensors[size_t(s)];
-        const std::string name = gguf_get_tensor_name(source.gguf, index);
-        const std::string type = type_name(gguf_get_tensor_type(source.gguf, index));
+        const std::string name = tensor_name(source, index);
+        const std::string type = type_name(ggml_type(tensor_type(source, index)));
         row.sources += (row.sources.empty() ? "" : ", ") + std::to_string(s) + ":" + type;
         if (name != plan.name) {
             row.sources += " (" + name + ")";

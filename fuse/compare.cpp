@@ -45,7 +45,7 @@ bool same_shape(const SourceModel& a, int64_t ia, const SourceModel& b, int64_t 
 }
 
 int64_t element_count(const SourceModel& model, int64_t index) {
-    const int64_t* ne = gguf_get_tensor_ne(model.gguf, index);
+    const std::array<int64_t, 4> ne = tensor_shape(model, index);
     return ne[0] * ne[1] * ne[2] * ne[3];
 }
 
@@ -65,12 +65,12 @@ TensorWork pair_reference_tensor(const SourceList& sources, int64_t ref_index,
     const SourceModel& ref = *sources[0];
     TensorWork work;
     work.indices.assign(sources.size(), -1);
-    const int64_t* ne = gguf_get_tensor_ne(ref.gguf, ref_index);
+    const std::array<int64_t, 4> ne = tensor_shape(ref, ref_index);
     work.row_len = ne[0];
     work.rows = ne[1] * ne[2] * ne[3];
     entry.params = work.row_len * work.rows;
     entry.present[0] = true;
-    const bool ref_decodes = decodable(gguf_get_tensor_type(ref.gguf, ref_index));
+    const bool ref_decodes = decodable(ggml_type(tensor_type(ref, ref_index)));
     for (size_t s = 1; s < sources.size(); ++s) {
         const SourceModel& src = *sources[s];
         PairFigures& pair = entry.donors[s - 1];
@@ -82,7 +82,7 @@ TensorWork pair_reference_tensor(const SourceList& sources, int64_t ref_index,
         entry.present[s] = true;
         if (!same_shape(ref, ref_index, src, it->second)) {
             pair.status = PairStatus::shape_differs;
-        } else if (!ref_decodes || !decodable(gguf_get_tensor_type(src.gguf, it->second))) {
+        } else if (!ref_decodes || !decodable(ggml_type(tensor_type(src, it->second)))) {
             pair.status = PairStatus::not_decodable;
         } else {
             pair.status = PairStatus::compared;
@@ -103,8 +103,8 @@ void list_extra_tensors(const SourceList& sources, std::vector<TensorComparison>
     std::set<std::string> listed;
     for (size_t s = 1; s < sources.size(); ++s) {
         const SourceModel& src = *sources[s];
-        for (int64_t i = 0; i < gguf_get_n_tensors(src.gguf); ++i) {
-            const std::string name = gguf_get_tensor_name(src.gguf, i);
+        for (int64_t i = 0; i < tensor_count(src); ++i) {
+            const std::string name = tensor_name(src, i);
             if (ref.tensor_index.count(name) != 0 || !listed.insert(name).second) {
                 continue;
             }
@@ -122,7 +122,7 @@ void list_extra_tensors(const SourceList& sources, std::vector<TensorComparison>
 
 const uint8_t* rows_at(const SourceModel& src, int64_t index, int64_t row_len, int64_t row0,
                        size_t& row_bytes) {
-    row_bytes = ggml_row_size(gguf_get_tensor_type(src.gguf, index), row_len);
+    row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), row_len);
     return tensor_data(src, index) + size_t(row0) * row_bytes;
 }
 
@@ -184,7 +184,7 @@ uint64_t work_bytes(const SourceList& sources, const TensorWork& work) {
     uint64_t total = 0;
     for (size_t s = 0; s < sources.size(); ++s) {
         if (work.indices[s] >= 0) {
-            total += gguf_get_tensor_size(sources[s]->gguf, work.indices[s]);
+            total += tensor_size(*sources[s], work.indices[s]);
         }
     }
     return total;
@@ -373,8 +373,8 @@ Comparison compare_sources(const std::vector<std::string>& paths, int threads,
     result.paths = paths;
     std::vector<TensorWork> work;
     const SourceModel& ref = *sources[0];
-    for (int64_t i = 0; i < gguf_get_n_tensors(ref.gguf); ++i) {
-        result.tensors.push_back(new_entry(gguf_get_tensor_name(ref.gguf, i), sources.size()));
+    for (int64_t i = 0; i < tensor_count(ref); ++i) {
+        result.tensors.push_back(new_entry(tensor_name(ref, i), sources.size()));
         TensorWork w = pair_reference_tensor(sources, i, result.tensors.back());
         w.entry = result.tensors.size() - 1;
         if (w.indices[0] >= 0) {

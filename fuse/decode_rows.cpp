@@ -19,7 +19,7 @@ void check_decodable(int32_t type) {
 
 void decode_source_rows(const SourceModel& source, int64_t index, int64_t first_row, int64_t rows,
                         int64_t row_len, float* dest) {
-    const ggml_type type = gguf_get_tensor_type(source.gguf, index);
+    const ggml_type type = ggml_type(tensor_type(source, index));
     const size_t row_bytes = ggml_row_size(type, row_len);
     const uint8_t* row = tensor_data(source, index) + size_t(first_row) * row_bytes;
     for (int64_t r = 0; r < rows; ++r, row += row_bytes, dest += row_len) {

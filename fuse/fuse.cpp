@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "fuse/output_metadata.h"
+#include "fuse/output_parts.h"
 #include "fuse/output_stream.h"
 #include "fuse/parallel_rows.h"
 #include "fuse/plan_run.h"
@@ -30,10 +31,12 @@ void refuse_output_over_source(const std::string& path, const SourceList& source
         return;
     }
     for (const auto& source : sources) {
-        struct stat src_st = {};
-        if (fstat(source->fd, &src_st) == 0 && src_st.st_dev == out_st.st_dev &&
-            src_st.st_ino == out_st.st_ino) {
-            throw std::runtime_error("output would overwrite source " + source->path);
+        for (const SourceShard& shard : source->shards) {
+            struct stat src_st = {};
+            if (fstat(shard.fd, &src_st) == 0 && src_st.st_dev == out_st.st_dev &&
+                src_st.st_ino == out_st.st_ino) {
+                throw std::runtime_error("output would overwrite source " + shard.path);
+            }
         }
     }
 }
@@ -49,7 +52,7 @@ uint64_t source_bytes(const SourceList& sources, const TensorPlan& plan) {
     uint64_t total = 0;
     for (size_t s = 0; s < plan.source_tensors.size(); ++s) {
         if (plan.source_tensors[s] >= 0) {
-            total += gguf_get_tensor_size(sources[s]->gguf, plan.source_tensors[s]);
+            total += tensor_size(*sources[s], plan.source_tensors[s]);
         }
     }
     return total;
@@ -80,11 +83,16 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
     const auto start = std::chrono::steady_clock::now();
     FuseResult result;
     OutputStream output;
-    GgufHandle out_gguf;
-    GgmlHandle out_ggml;
+    std::vector<OutputStream> finished;  // shards already complete
+    std::vector<OutputPart> parts;
+    auto discard_all = [&] {
+        discard_output(output);
+        for (auto& done : finished) {
+            discard_output(done);
+        }
+    };
     auto finish = [&] {
-        out_ggml.reset();
-        out_gguf.reset();
+        parts.clear();
         const auto elapsed = std::chrono::steady_clock::now() - start;
         result.seconds =
             double(std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) /
@@ -114,8 +122,8 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
                 : std::make_unique<ImportanceMatrix>(read_importance_matrix(options.imatrix_path));
         attach_importance(plans, recipe, matrix.get());
 
-        out_gguf = make_output_metadata(sources, recipe, recipe_text, run.notes);
-        out_ggml = add_tensor_records(out_gguf.get(), plans);
+        parts = make_output_parts(make_output_metadata(sources, recipe, recipe_text, run.notes),
+                                  plans, output_path, options.split);
         uint64_t total_source_bytes = 0;
         for (const auto& plan : plans) {
             total_source_bytes += source_bytes(sources, plan);
@@ -123,42 +131,51 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
             result.fallback += plan.fallback ? 1 : 0;
         }
 
-        refuse_output_over_source(output_path, sources);
-        open_output(output, output_path);
-        write_metadata_block(out_gguf.get(), output);
-
-        const uint64_t alignment = gguf_get_alignment(out_gguf.get());
+        for (const auto& part : parts) {
+            refuse_output_over_source(part.path, sources);
+        }
+        const uint64_t alignment = gguf_get_alignment(parts[0].meta.get());
         RowBuffers buffers;
         const WriteContext write_ctx{sources,  recipe.seed,        workers, cancel,
                                      progress, total_source_bytes, output,  buffers};
         uint64_t read = 0;
-        for (const auto& plan : plans) {
-            if (cancel != nullptr && cancel->load()) {
-                throw std::runtime_error("cancelled");
+        for (const auto& part : parts) {
+            open_output(output, part.path);
+            write_metadata_block(part.meta.get(), output);
+            for (size_t i = part.first; i < part.end; ++i) {
+                const TensorPlan& plan = plans[i];
+                if (cancel != nullptr && cancel->load()) {
+                    throw std::runtime_error("cancelled");
+                }
+                const uint64_t before = output.written;
+                const TensorWrite done = write_tensor(write_ctx, plan, read);
+                read += done.read;
+                write_alignment_fill(output, output.written - before, alignment);
+                check_output(output);
+                if (done.non_finite > 0) {
+                    result.warnings.push_back("tensor " + plan.name + ": " +
+                                              std::to_string(done.non_finite) +
+                                              " values are not finite (nan or inf)");
+                }
+                emit_progress(progress, progress_fraction(read, total_source_bytes, 1.0f),
+                              "Blending " + plan.name);
+                ++result.tensors;
             }
-            const uint64_t before = output.written;
-            const TensorWrite done = write_tensor(write_ctx, plan, read);
-            read += done.read;
-            write_alignment_fill(output, output.written - before, alignment);
-            check_output(output);
-            if (done.non_finite > 0) {
-                result.warnings.push_back("tensor " + plan.name + ": " +
-                                          std::to_string(done.non_finite) +
-                                          " values are not finite (nan or inf)");
-            }
-            emit_progress(progress, progress_fraction(read, total_source_bytes, 1.0f),
-                          "Blending " + plan.name);
-            ++result.tensors;
+            finish_output(output);
+            result.bytes += output.written;
+            finished.push_back(output);
+            output = OutputStream{};
         }
-        finish_output(output);
         // An exception from this last event still fails the run, and the finished
         // file never takes the output's name: a failed run never leaves a file it made.
+        // Every shard is complete before the first takes its name.
         emit_progress(progress, 1.0f, "Corked");
-        commit_output(output);
+        for (auto& done : finished) {
+            commit_output(done);
+        }
 
         result.ok = true;
-        result.output_path = output_path;
-        result.bytes = output.written;
+        result.output_path = parts[0].path;
         result.layers = run.output_layers;
         result.message = run.notes.empty() ? "ok" : join_notes(run.notes);
     } catch (const std::exception& e) {
@@ -167,9 +184,9 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
         result.output_path.clear();
         result.bytes = 0;
         result.layers = 0;
-        discard_output(output);
+        discard_all();
     } catch (...) {
-        discard_output(output);
+        discard_all();
         finish();
         throw;
     }

@@ -34,6 +34,12 @@ struct FuseResult {
     std::vector<std::string> warnings;  // tensors whose blended values are not all finite
 };
 
+// How to cut the output into shards; both 0 (the default) writes one file.
+struct SplitLimits {
+    uint64_t max_bytes = 0;   // tensor data per shard, each tensor padded to the alignment
+    int64_t max_tensors = 0;  // tensors per shard
+};
+
 using ProgressFn = std::function<void(const FuseProgress&)>;
 
 // Calls `progress` with the event when it is set.
@@ -44,11 +50,15 @@ struct FuseOptions {
     // An importance matrix (either file form of the inference tree's imatrix tool);
     // empty for none. Read after the recipe, before the output is opened.
     std::string imatrix_path;
+    SplitLimits split;  // no limit: one output file
 };
 
 // `threads` of 0 or less uses the hardware concurrency. `cancel` may be null; a
 // true value stops the run at the next tensor or chunk boundary with "cancelled".
-// `progress` may be empty; it is always called on the calling thread.
+// `progress` may be empty; it is always called on the calling thread. With a
+// limit in `options.split`, the output is written as shards named from `output_path`
+// (out.gguf gives out-00001-of-0000N.gguf, ...), `output_path` of the result
+// names the first, `bytes` counts all of them, and a failure removes every shard.
 FuseResult fuse(const std::vector<std::string>& sources, const std::string& recipe_text,
                 const std::string& output_path, int threads, const std::atomic<bool>* cancel,
                 const ProgressFn& progress, const FuseOptions& options = {});

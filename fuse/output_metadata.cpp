@@ -1,6 +1,7 @@
 #include "fuse/output_metadata.h"
 
 #include "fuse/layer_arrays.h"
+#include "model/shard_names.h"
 
 namespace tevrin {
 
@@ -65,6 +66,11 @@ GgufHandle make_output_metadata(const SourceList& sources, const Recipe& recipe,
     const SourceModel& base = *sources[0];
     GgufHandle out = empty_output_like(base.gguf);
     gguf_set_kv(out.get(), base.gguf);
+    // The base's own shard layout says nothing about the output's; a split output
+    // gets its keys when it is cut into shards.
+    for (const char* key : {kSplitNoKey, kSplitCountKey, kSplitTensorsKey}) {
+        gguf_remove_key(out.get(), key);
+    }
     borrow_chat_template(out.get(), sources, notes);
     gguf_set_val_str(out.get(), "general.name", recipe.name.c_str());
     if (recipe.out.file_type >= 0) {

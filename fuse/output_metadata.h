@@ -1,6 +1,6 @@
-// The output file's metadata: the base's keys, the borrowed chat template, the
-// replaced name / file type / quantization version / block count, and the run's
-// own record under "tevrin.".
+// The output file's metadata: the base's keys (without its split.* keys), the borrowed chat
+// template, the replaced name / file type / quantization version / block count, and the run's own
+// record under "tevrin.".
 //
 // Threads: driver thread only.
 #pragma once

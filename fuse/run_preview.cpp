@@ -44,8 +44,7 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
     if (copies_unchanged(sources, plan, preview.active)) {
         const SourceModel& src = *sources[size_t(preview.active.single)];
         preview.copied = true;
-        preview.bytes_read =
-            gguf_get_tensor_size(src.gguf, plan.source_tensors[size_t(preview.active.single)]);
+        preview.bytes_read = tensor_size(src, plan.source_tensors[size_t(preview.active.single)]);
         return preview;
     }
     if (preview.bytes_out == 0) {
@@ -54,7 +53,7 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
     check_encodable(plan.out_type);
     for (const int32_t s : preview.active.sources) {
         check_decodable(
-            gguf_get_tensor_type(sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+            ggml_type(tensor_type(*sources[size_t(s)], plan.source_tensors[size_t(s)])));
     }
     const int64_t per_chunk = chunk_rows(row_len, rows);
     const uint64_t chunk_floats = uint64_t(per_chunk) * uint64_t(row_len) * sizeof(float);
@@ -62,7 +61,7 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
     for (const int32_t s : preview.active.sources) {
         const SourceModel& src = *sources[size_t(s)];
         const size_t src_row =
-            ggml_row_size(gguf_get_tensor_type(src.gguf, plan.source_tensors[size_t(s)]), row_len);
+            ggml_row_size(ggml_type(tensor_type(src, plan.source_tensors[size_t(s)])), row_len);
         preview.bytes_read += uint64_t(src_row) * uint64_t(rows);
         mapped += uint64_t(src_row) * uint64_t(per_chunk);
         sizes.source_floats[size_t(s)] = std::max(sizes.source_floats[size_t(s)], chunk_floats);

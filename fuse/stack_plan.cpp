@@ -14,9 +14,9 @@ void plan_output_layer(PlanContext& ctx, int32_t out_layer, const StackSlice& sl
     const SourceModel& source = *ctx.sources[size_t(slice.source)];
     const std::string template_prefix =
         "blk." + std::to_string(template_layer(slice, ctx.sources)) + ".";
-    const int64_t n = gguf_get_n_tensors(base.gguf);
+    const int64_t n = tensor_count(base);
     for (int64_t t = 0; t < n; ++t) {
-        const std::string template_name = gguf_get_tensor_name(base.gguf, t);
+        const std::string template_name = tensor_name(base, t);
         if (template_name.compare(0, template_prefix.size(), template_prefix) != 0) {
             continue;
         }

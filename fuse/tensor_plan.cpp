@@ -133,7 +133,7 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     plan.name = name;
     plan.ne = tensor_shape(model, tensor);
     plan.n_dims = dims_in_use(plan.ne);
-    plan.source_type = gguf_get_tensor_type(model.gguf, tensor);
+    plan.source_type = tensor_type(model, tensor);
     plan.out_type =
         choose_out_type(ctx.recipe.out, plan.n_dims, plan.ne[0], ggml_type(plan.source_type));
     plan.only_source = only_source;
@@ -146,7 +146,7 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
     if (only_source >= 0) {
         plan.source_tensors[size_t(only_source)] = tensor;
         plan.source_rows[size_t(only_source)] = rows;
-        plan.importance_name = gguf_get_tensor_name(model.gguf, tensor);
+        plan.importance_name = tensor_name(model, tensor);
         ctx.plans.push_back(std::move(plan));
         return;
     }
@@ -180,9 +180,9 @@ void add_tensor_plan(PlanContext& ctx, const std::string& name, const SourceMode
 
 void plan_base_tensors(PlanContext& ctx, bool with_blocks) {
     const SourceModel& base = *ctx.sources[0];
-    const int64_t n = gguf_get_n_tensors(base.gguf);
+    const int64_t n = tensor_count(base);
     for (int64_t i = 0; i < n; ++i) {
-        const std::string name = gguf_get_tensor_name(base.gguf, i);
+        const std::string name = tensor_name(base, i);
         const int32_t layer = block_layer(name);
         if (with_blocks || layer < 0) {
             add_tensor_plan(ctx, name, base, i, name, layer, -1);

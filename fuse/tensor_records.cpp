@@ -5,9 +5,15 @@
 namespace tevrin {
 
 GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& plans) {
-    ggml_init_params params = {ggml_tensor_overhead() * plans.size() + 1024, nullptr, true};
+    return add_tensor_records(out, plans, 0, plans.size());
+}
+
+GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& plans, size_t first,
+                              size_t end) {
+    ggml_init_params params = {ggml_tensor_overhead() * (end - first) + 1024, nullptr, true};
     GgmlHandle records(ggml_init(params));
-    for (const auto& plan : plans) {
+    for (size_t i = first; i < end; ++i) {
+        const TensorPlan& plan = plans[i];
         // ggml keeps names of at most GGML_MAX_NAME - 1 bytes; a longer one would be
         // cut and could collide with another.
         if (plan.name.size() >= GGML_MAX_NAME) {

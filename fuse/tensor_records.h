@@ -19,4 +19,8 @@ namespace tevrin {
 // "tensor <name> has an empty dimension GGUF cannot keep".
 GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& plans);
 
+// The same for the plans [first, end) only: the tensors of one output shard.
+GgmlHandle add_tensor_records(gguf_context* out, const std::vector<TensorPlan>& plans, size_t first,
+                              size_t end);
+
 }  // namespace tevrin

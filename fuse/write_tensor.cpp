@@ -41,7 +41,7 @@ uint64_t decode_chunk(const WriteContext& ctx, const TensorPlan& plan,
             decode_source_rows(src, index, start + lo, hi - lo, row_len,
                                dest.data() + lo * row_len);
         });
-        const size_t row_bytes = ggml_row_size(gguf_get_tensor_type(src.gguf, index), row_len);
+        const size_t row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), row_len);
         release_pages(tensor_data(src, index) + size_t(start) * row_bytes, row_bytes * size_t(n));
         read += row_bytes * uint64_t(n);
         decoded.push_back(dest.data());
@@ -110,13 +110,13 @@ uint64_t copy_rows(const WriteContext& ctx, const TensorPlan& plan, int32_t sour
     const int64_t index = plan.source_tensors[size_t(source)];
     const int64_t rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
     size_t offset = 0;
-    size_t length = gguf_get_tensor_size(src.gguf, index);
+    size_t length = tensor_size(src, index);
     if (first != 0 || n != rows || tensor_shape(src, index) != plan.ne) {
-        const size_t row_bytes = ggml_row_size(gguf_get_tensor_type(src.gguf, index), plan.ne[0]);
+        const size_t row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), plan.ne[0]);
         offset = size_t(first) * row_bytes;
         length = size_t(n) * row_bytes;
     }
-    copy_file_bytes(ctx.out, src.fd, tensor_file_offset(src, index) + offset,
+    copy_file_bytes(ctx.out, tensor_fd(src, index), tensor_file_offset(src, index) + offset,
                     tensor_data(src, index) + offset, length);
     return length;
 }
@@ -135,7 +135,7 @@ bool copies_unchanged(const SourceList& sources, const TensorPlan& plan,
     }
     const SourceModel& src = *sources[size_t(active.single)];
     const int64_t index = plan.source_tensors[size_t(active.single)];
-    return int32_t(gguf_get_tensor_type(src.gguf, index)) == plan.out_type;
+    return tensor_type(src, index) == plan.out_type;
 }
 
 float progress_fraction(uint64_t done, uint64_t total, float if_empty) {
@@ -158,8 +158,7 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     std::vector<int32_t> decoded_sources;
     for (const RowSpan& span : spans) {
         for (const int32_t s : span.active.sources) {
-            check_decodable(
-                gguf_get_tensor_type(ctx.sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+            check_decodable(tensor_type(*ctx.sources[size_t(s)], plan.source_tensors[size_t(s)]));
             decoded_sources.push_back(s);
         }
     }

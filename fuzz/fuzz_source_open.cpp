@@ -11,17 +11,18 @@ namespace {
 
 uint8_t touch_tensors(const tevrin::SourceModel& model) {
     uint8_t sum = 0;
-    const int64_t n = gguf_get_n_tensors(model.gguf);
+    const int64_t n = tevrin::tensor_count(model);
     if (int64_t(model.tensor_index.size()) != n) {
         std::abort();
     }
     for (int64_t i = 0; i < n; ++i) {
-        const uint64_t begin = model.data_offset + gguf_get_tensor_offset(model.gguf, i);
-        const uint64_t size = gguf_get_tensor_size(model.gguf, i);
-        if (begin > model.mapping_size || size > model.mapping_size - begin) {
+        const tevrin::SourceShard& shard = model.shards[size_t(model.tensors[size_t(i)].shard)];
+        const uint64_t begin = tevrin::tensor_file_offset(model, i);
+        const uint64_t size = tevrin::tensor_size(model, i);
+        if (begin > shard.mapping_size || size > shard.mapping_size - begin) {
             std::abort();
         }
-        const uint8_t* bytes = model.mapping + begin;
+        const uint8_t* bytes = tevrin::tensor_data(model, i);
         for (uint64_t b = 0; b < size; ++b) {
             sum = uint8_t(sum + bytes[b]);
         }

@@ -37,12 +37,11 @@ struct GgufEntry {
 };
 
 std::vector<float> f32_values(const SourceModel& m, int64_t tensor) {
-    if (gguf_get_tensor_type(m.gguf, tensor) != GGML_TYPE_F32) {
+    if (tensor_type(m, tensor) != GGML_TYPE_F32) {
         not_a_matrix(m.path);
     }
-    std::vector<float> values(gguf_get_tensor_size(m.gguf, tensor) / sizeof(float));
-    std::memcpy(values.data(), m.mapping + m.data_offset + gguf_get_tensor_offset(m.gguf, tensor),
-                values.size() * sizeof(float));
+    std::vector<float> values(tensor_size(m, tensor) / sizeof(float));
+    std::memcpy(values.data(), tensor_data(m, tensor), values.size() * sizeof(float));
     return values;
 }
 
@@ -72,9 +71,9 @@ void read_gguf_form(const std::string& path, ImportanceMatrix& matrix) {
         not_a_matrix(path);
     }
     std::map<std::string, GgufEntry> found;
-    const int64_t n = gguf_get_n_tensors(file.gguf);
+    const int64_t n = tensor_count(file);
     for (int64_t i = 0; i < n; ++i) {
-        std::string name = gguf_get_tensor_name(file.gguf, i);
+        std::string name = tensor_name(file, i);
         if (strip_suffix(name, kSumsSuffix)) {
             found[name].sums = i;
         } else if (strip_suffix(name, kCountsSuffix)) {

@@ -141,7 +141,7 @@ std::string describe(const TensorPlan& plan, const SourceList& sources) {
         return plan.name;
     }
     const auto s = size_t(plan.only_source);
-    std::string from = gguf_get_tensor_name(sources[s]->gguf, plan.source_tensors[s]);
+    std::string from = tensor_name(*sources[s], plan.source_tensors[s]);
     from = block_suffix(from) == block_suffix(plan.name) ? std::to_string(block_layer(from)) : from;
     return plan.name + " " + std::to_string(s) + ":" + from + (plan.fallback ? "!" : "");
 }

@@ -18,7 +18,7 @@ struct QuantRun : ::testing::Test {
 
     FuseResult run(const std::vector<std::string>& sources, const std::string& recipe,
                    const std::string& matrix = "") {
-        return fuse(sources, recipe, out, 2, nullptr, {}, FuseOptions{matrix});
+        return fuse(sources, recipe, out, 2, nullptr, {}, FuseOptions{matrix, {}});
     }
     std::string type_of(const std::string& name) {
         GgufHandle g = read_gguf_header(out.c_str());

@@ -32,7 +32,7 @@ TEST(SourceModel, OpensWholeRegularFilesOnly) {
               std::make_tuple("qwen2", 2, 9u));
     // The last tensor ends exactly at the end of the file: one byte less is refused.
     const std::string whole = testing::read_file(path);
-    EXPECT_EQ(m.mapping_size, whole.size());
+    EXPECT_EQ(m.shards[0].mapping_size, whole.size());
     testing::write_file(cut, whole.substr(0, whole.size() - 1));
     EXPECT_EQ(open_error(cut), "tensor data beyond end of file: " + cut);
     ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
