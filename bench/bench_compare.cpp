@@ -25,6 +25,7 @@
 
 #include <ggml.h>
 
+#include "bench/bench_temp_dir.h"
 #include "fuse/compare.h"
 #include "fuse/decode_rows.h"
 #include "fuse/parallel_rows.h"
@@ -62,24 +63,6 @@ Options parse_options(int argc, char** argv) {
     }
     return o;
 }
-
-struct TempDir {
-    std::filesystem::path path;
-
-    explicit TempDir(const std::filesystem::path& parent) {
-        std::string pattern = (parent / "tevrin-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot make a temp folder in " + parent.string());
-        }
-        path = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-};
 
 double process_cpu_seconds() {
     timespec ts = {};

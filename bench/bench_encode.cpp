@@ -37,6 +37,7 @@
 
 #include <ggml.h>
 
+#include "bench/bench_temp_dir.h"
 #include "fuse/f16_rows.h"
 #include "fuse/fast_encode.h"
 #include "model/source_model.h"
@@ -185,25 +186,6 @@ void run_rates(const Options& o) {
 }
 
 // ---- whole runs ------------------------------------------------------------------
-
-// A fresh folder, removed with everything in it when the bench ends.
-struct TempDir {
-    std::filesystem::path path;
-
-    explicit TempDir(const std::filesystem::path& parent) {
-        std::string pattern = (parent / "tevrin-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot make a temp folder in " + parent.string());
-        }
-        path = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-};
 
 struct ChildRun {
     double seconds = 0.0;

@@ -34,6 +34,7 @@
 
 #include <ggml.h>
 
+#include "bench/bench_temp_dir.h"
 #include "blend/blend.h"
 #include "blend/draws.h"
 #include "fuse/decode_rows.h"
@@ -106,25 +107,6 @@ Options parse_options(int argc, char** argv) {
     }
     return o;
 }
-
-// A fresh folder, removed with everything in it when the bench ends.
-struct TempDir {
-    std::filesystem::path path;
-
-    explicit TempDir(const std::filesystem::path& parent) {
-        std::string pattern = (parent / "tevrin-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot make a temp folder in " + parent.string());
-        }
-        path = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-};
 
 // ---- child processes -------------------------------------------------------
 

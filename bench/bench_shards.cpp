@@ -27,7 +27,11 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_temp_dir.h"
+
 namespace {
+
+using tevrin::TempDir;
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -96,23 +100,6 @@ Run run_child(const std::vector<std::string>& args, const std::string& log) {
     }
     return run;
 }
-
-struct TempDir {
-    fs::path path;
-    explicit TempDir(const fs::path& parent) {
-        std::string pattern = (parent / "tevrin-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("cannot make a temp folder in " + parent.string());
-        }
-        path = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-};
 
 void read_whole(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -1,24 +1,14 @@
 #include "cli/compare_report.h"
 
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 
+#include "cli/format_text.h"
 #include "model/inspect.h"
 
 namespace tevrin {
 
 namespace {
-
-// printf into a string; every use here is far below the buffer's size.
-[[gnu::format(printf, 1, 2)]] std::string text_of(const char* pattern, ...) {
-    char buf[256];
-    va_list args;
-    va_start(args, pattern);
-    std::vsnprintf(buf, sizeof buf, pattern, args);
-    va_end(args);
-    return buf;
-}
 
 std::string json_number(double value) {
     return std::isfinite(value) ? text_of("%.15g", value) : "null";

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
+
+#include "cli/format_text.h"
 
 namespace tevrin {
 
@@ -35,15 +36,6 @@ constexpr std::array<std::array<int, 3>, 5> kRamp = {{
 }};
 const char* const kIdenticalColour = "#cfe3f4";
 const char* const kEmptyColour = "#d0d0d0";
-
-[[gnu::format(printf, 1, 2)]] std::string text_of(const char* pattern, ...) {
-    char buf[512];
-    va_list args;
-    va_start(args, pattern);
-    std::vsnprintf(buf, sizeof buf, pattern, args);
-    va_end(args);
-    return buf;
-}
 
 // Bytes of the well-formed UTF-8 sequence that starts at `at`, or 0.
 size_t utf8_length(const std::string& text, size_t at) {

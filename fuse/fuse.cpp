@@ -41,13 +41,6 @@ void refuse_output_over_source(const std::string& path, const SourceList& source
     }
 }
 
-void open_sources(const std::vector<std::string>& paths, SourceList& sources) {
-    for (const auto& path : paths) {
-        sources.push_back(std::make_unique<SourceModel>());
-        sources.back()->open(path);
-    }
-}
-
 uint64_t source_bytes(const SourceList& sources, const TensorPlan& plan) {
     uint64_t total = 0;
     for (size_t s = 0; s < plan.source_tensors.size(); ++s) {
@@ -100,12 +93,7 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
     };
     try {
         silence_ggml_log();
-        if (source_paths.empty()) {
-            throw std::runtime_error("add at least one source model");
-        }
-        if (source_paths.size() > 8) {
-            throw std::runtime_error("at most 8 source models");
-        }
+        check_source_count(source_paths);
         const int workers = resolve_threads(threads);
         emit_progress(progress, 0.0f, "Uncorking sources");
 

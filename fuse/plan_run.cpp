@@ -1,10 +1,12 @@
 #include "fuse/plan_run.h"
 
 #include <algorithm>
+#include <memory>
+#include <stdexcept>
 
 #include "fuse/stack_plan.h"
-#include "fuse/vocab_align.h"
 #include "fuse/type_choice.h"
+#include "fuse/vocab_align.h"
 
 namespace tevrin {
 namespace {
@@ -25,6 +27,22 @@ void add_source_notes(const SourceList& sources, const Recipe& recipe,
 }
 
 }  // namespace
+
+void check_source_count(const std::vector<std::string>& paths) {
+    if (paths.empty()) {
+        throw std::runtime_error("add at least one source model");
+    }
+    if (paths.size() > 8) {
+        throw std::runtime_error("at most 8 source models");
+    }
+}
+
+void open_sources(const std::vector<std::string>& paths, SourceList& sources) {
+    for (const auto& path : paths) {
+        sources.push_back(std::make_unique<SourceModel>());
+        sources.back()->open(path);
+    }
+}
 
 RunPlan plan_run(const Recipe& recipe, const SourceList& sources) {
     RunPlan run;

@@ -19,6 +19,12 @@ struct RunPlan {
     std::vector<std::string> notes;  // unsorted; the driver sorts and joins them
 };
 
+// Fails with "add at least one source model" or "at most 8 source models".
+void check_source_count(const std::vector<std::string>& paths);
+
+// Opens every path in order, appending to `sources`; fails like SourceModel::open.
+void open_sources(const std::vector<std::string>& paths, SourceList& sources);
+
 // Output types are settled (mix rules, type lines) before it returns. Fails like
 // check_stack_ranges and plan_stack for a stacked recipe, and like
 // settle_output_types.

@@ -10,6 +10,7 @@
 #include "fuse/encode_rows.h"
 #include "fuse/output_metadata.h"
 #include "fuse/output_stream.h"
+#include "fuse/plan_run.h"
 #include "fuse/plan_warnings.h"
 #include "fuse/tensor_records.h"
 #include "fuse/write_tensor.h"
@@ -18,13 +19,6 @@
 
 namespace tevrin {
 namespace {
-
-void open_sources(const std::vector<std::string>& paths, SourceList& sources) {
-    for (const auto& path : paths) {
-        sources.push_back(std::make_unique<SourceModel>());
-        sources.back()->open(path);
-    }
-}
 
 struct BufferSizes {
     std::vector<uint64_t> source_floats;
@@ -115,12 +109,7 @@ RunPreview preview_run(const std::vector<std::string>& source_paths,
     RunPreview preview;
     try {
         silence_ggml_log();
-        if (source_paths.empty()) {
-            throw std::runtime_error("add at least one source model");
-        }
-        if (source_paths.size() > 8) {
-            throw std::runtime_error("at most 8 source models");
-        }
+        check_source_count(source_paths);
         open_sources(source_paths, preview.sources);
         preview.recipe =
             parse_recipe(recipe_text, int32_t(preview.sources.size()), &preview.warnings);
