@@ -37,6 +37,7 @@
 
 #include <ggml.h>
 
+#include "bench/bench_child.h"
 #include "bench/bench_temp_dir.h"
 #include "fuse/f16_rows.h"
 #include "fuse/fast_encode.h"
@@ -187,44 +188,9 @@ void run_rates(const Options& o) {
 
 // ---- whole runs ------------------------------------------------------------------
 
-struct ChildRun {
-    double seconds = 0.0;
-    double cpu_seconds = 0.0;
-    int status = -1;
-};
-
-ChildRun run_child(const std::vector<std::string>& args, const std::string& log_path) {
-    std::vector<char*> argv;
-    for (const auto& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    const auto start = Clock::now();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        throw std::runtime_error("fork failed");
-    }
-    if (pid == 0) {
-        const int log = ::open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (log < 0 || dup2(log, 1) < 0 || dup2(log, 2) < 0) {
-            _exit(127);
-        }
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    struct rusage usage = {};
-    int status = 0;
-    while (wait4(pid, &status, 0, &usage) < 0) {
-        if (errno != EINTR) {
-            throw std::runtime_error("wait4 failed");
-        }
-    }
-    ChildRun run;
-    run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.cpu_seconds = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                      double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
-    return run;
+// stdout and stderr of a child both go to `log`.
+ChildRun run_child(const std::vector<std::string>& args, const std::string& log) {
+    return tevrin::run_child(args, log, log, false);
 }
 
 std::string read_text(const std::filesystem::path& path) {

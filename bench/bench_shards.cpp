@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_child.h"
 #include "bench/bench_temp_dir.h"
 
 namespace {
@@ -45,60 +46,16 @@ struct Run {
     long peak_anon_kib = 0;
 };
 
-long rss_anon_kib(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("RssAnon:", 0) == 0) {
-            return std::atol(line.c_str() + 8);
-        }
-    }
-    return 0;
-}
-
-// Runs the command with its output into `log`, polling RssAnon every 5 ms.
+// Runs the command with its output into `log`, sampling its anonymous memory;
+// fails with the log when the command fails.
 Run run_child(const std::vector<std::string>& args, const std::string& log) {
-    std::vector<char*> argv;
-    for (const auto& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    const auto start = Clock::now();
-    const pid_t pid = fork();
-    if (pid < 0) {
-        throw std::runtime_error("fork failed");
-    }
-    if (pid == 0) {
-        const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) {
-            _exit(127);
-        }
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    Run run;
-    struct rusage usage = {};
-    int status = 0;
-    for (;;) {
-        const pid_t got = wait4(pid, &status, WNOHANG, &usage);
-        if (got == pid) {
-            break;
-        }
-        if (got < 0 && errno != EINTR) {
-            throw std::runtime_error("wait4 failed");
-        }
-        run.peak_anon_kib = std::max(run.peak_anon_kib, rss_anon_kib(pid));
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    run.wall = std::chrono::duration<double>(Clock::now() - start).count();
-    run.cpu = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-              double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    const tevrin::ChildRun child = tevrin::run_child(args, log, log, true);
+    if (child.status != 0) {
         std::ifstream in(log);
         throw std::runtime_error(args[0] +
                                  " failed: " + std::string(std::istreambuf_iterator<char>(in), {}));
     }
-    return run;
+    return {child.seconds, child.cpu_seconds, child.peak_anon_kib};
 }
 
 void read_whole(const fs::path& path) {

@@ -14,16 +14,6 @@ namespace {
 
 const std::set<std::string> kSplitKeys = {kSplitNoKey, kSplitCountKey, kSplitTensorsKey};
 
-std::string open_error(const std::string& path) {
-    SourceModel m;
-    try {
-        m.open(path);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
-
 struct ShardedSource : ::testing::Test {
     TempDir dir;
     std::string whole = dir.file("m.gguf");
@@ -100,7 +90,7 @@ TEST_F(ShardedSource, ShardsThatDoNotFitTogetherAreRefused) {
                 std::filesystem::copy_file(c.damage_from, c.damage_to);
             }
         }
-        EXPECT_EQ(open_error(c.given), c.message);
+        EXPECT_EQ(source_open_error(c.given), c.message);
         if (!c.damage_to.empty()) {
             write_file(c.damage_to, saved);
         }
@@ -112,7 +102,7 @@ TEST_F(ShardedSource, ShardsThatDoNotFitTogetherAreRefused) {
     const auto small = write_shards(smaller, dir.file("small"), ShardCut{4});
     std::filesystem::remove(other);
     std::filesystem::copy_file(small[1], other);
-    EXPECT_EQ(open_error(dir.file("other-00001-of-00003.gguf")),
+    EXPECT_EQ(source_open_error(dir.file("other-00001-of-00003.gguf")),
               "shard of another model: " + other);
 }
 

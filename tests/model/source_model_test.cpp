@@ -11,16 +11,6 @@
 namespace tevrin {
 namespace {
 
-std::string open_error(const std::string& path) {
-    SourceModel m;
-    try {
-        m.open(path);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
-
 // Only regular files are opened: a FIFO without a writer would block the open.
 TEST(SourceModel, OpensWholeRegularFilesOnly) {
     testing::TempDir dir;
@@ -34,10 +24,10 @@ TEST(SourceModel, OpensWholeRegularFilesOnly) {
     const std::string whole = testing::read_file(path);
     EXPECT_EQ(m.shards[0].mapping_size, whole.size());
     testing::write_file(cut, whole.substr(0, whole.size() - 1));
-    EXPECT_EQ(open_error(cut), "tensor data beyond end of file: " + cut);
+    EXPECT_EQ(testing::source_open_error(cut), "tensor data beyond end of file: " + cut);
     ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
     for (const std::string& bad : {dir.file("missing"), dir.file("fifo"), dir.path}) {
-        EXPECT_EQ(open_error(bad), "not a valid GGUF: " + bad);
+        EXPECT_EQ(testing::source_open_error(bad), "not a valid GGUF: " + bad);
     }
 }
 

@@ -229,4 +229,14 @@ int unfinished_outputs(const std::string& dir) {
     return found;
 }
 
+std::string source_open_error(const std::string& path) {
+    SourceModel m;
+    try {
+        m.open(path);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "";
+}
+
 }  // namespace tevrin::testing

@@ -43,6 +43,9 @@ std::vector<float> fixture_values(uint64_t seed, int64_t count);
 
 void write_fixture(const FixtureModel& model, const std::string& path);
 
+// The message SourceModel::open fails with for `path`, or "" when it opens.
+std::string source_open_error(const std::string& path);
+
 // The decoded contents of one tensor of a GGUF file (any type with to_float).
 std::vector<float> read_tensor_floats(const std::string& path, const std::string& name);
 // The stored bytes of one tensor.
