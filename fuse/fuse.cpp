@@ -82,6 +82,7 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
         discard_output(output);
         for (auto& done : finished) {
             discard_output(done);
+            withdraw_output(done);
         }
     };
     auto finish = [&] {

@@ -114,6 +114,11 @@ FILE* open_temp(OutputStream& out) {
         return nullptr;
     }
     register_temp(out.temp_path);
+    struct stat made = {};
+    if (fstat(fd, &made) == 0) {
+        out.temp_dev = made.st_dev;
+        out.temp_ino = made.st_ino;
+    }
     // A file that is replaced keeps its permissions, as it would when rewritten.
     struct stat st = {};
     if (stat(out.target.c_str(), &st) == 0) {
@@ -216,6 +221,7 @@ void commit_output(OutputStream& out) {
     }
     unregister_temp(out.temp_path);
     out.temp_path.clear();
+    out.committed = true;
     sync_directory(dir_of(out.target));
 }
 
@@ -229,6 +235,15 @@ void discard_output(OutputStream& out) {
         unregister_temp(out.temp_path);
         out.temp_path.clear();
     }
+}
+
+void withdraw_output(OutputStream& out) {
+    struct stat st = {};
+    if (out.committed && lstat(out.target.c_str(), &st) == 0 && st.st_dev == out.temp_dev &&
+        st.st_ino == out.temp_ino) {
+        unlink(out.target.c_str());
+    }
+    out.committed = false;
 }
 
 void discard_output_from_signal() {

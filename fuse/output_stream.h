@@ -32,6 +32,9 @@ struct OutputStream {
     std::string temp_path;  // empty when writing straight to the target
     FILE* stream = nullptr;
     uint64_t written = 0;  // bytes handed to the stream so far
+    dev_t temp_dev = 0;    // the temporary file's identity, kept after the commit
+    ino_t temp_ino = 0;
+    bool committed = false;
 };
 
 // Fails with "cannot write <path>".
@@ -61,6 +64,11 @@ void commit_output(OutputStream& out);
 // Closes what is open and removes the temporary file, if any; the target is
 // never touched.
 void discard_output(OutputStream& out);
+
+// Removes the file a commit put under the target's name, while that name still
+// holds it: for a run whose later shards fail to take their names after earlier
+// ones did. What the name held before the commit is gone either way.
+void withdraw_output(OutputStream& out);
 
 // Removes the temporary file of the output being written, if any, using only
 // async-signal-safe calls: for a signal that ends the program at once.

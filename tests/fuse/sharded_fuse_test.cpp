@@ -181,6 +181,18 @@ TEST_F(ShardedFuse, FailedSplitRunLeavesNoShard) {
     EXPECT_EQ(r.message, "cancelled");
     EXPECT_EQ(r.tensors, 7);
     EXPECT_EQ(files(), before);
+
+    // A later shard cannot take its name after the first did: the first goes too.
+    const std::string second = shard_path(dir.file("out"), 1, 6);
+    const ProgressFn block_second = [&](const FuseProgress& p) {
+        if (p.label == "Corked") {
+            std::filesystem::create_directory(second);
+        }
+    };
+    const FuseResult late = fuse({a}, "out f16", out, 2, nullptr, block_second, split({0, 2}));
+    EXPECT_EQ(late.message, "cannot write " + second);
+    std::filesystem::remove(second);
+    EXPECT_EQ(files(), before);
 }
 
 TEST_F(ShardedFuse, OutputOverAnySourceShardIsRefused) {
