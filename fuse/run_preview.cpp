@@ -25,8 +25,15 @@ struct BufferSizes {
     uint64_t blended = 0, encoded = 0, mapped_chunk = 0;
 };
 
-// What write_tensor reads and writes for one plan, with the checks it makes before
-// its first chunk, in its order; grows `sizes` to the chunk buffers it would size.
+size_t source_row_bytes(const SourceList& sources, const TensorPlan& plan, int32_t s) {
+    const SourceModel& src = *sources[size_t(s)];
+    return ggml_row_size(ggml_type(tensor_type(src, plan.source_tensors[size_t(s)])), plan.ne[0]);
+}
+
+// What write_tensor reads and writes for one plan, span by span, with the checks
+// it makes before its first chunk, in its order; grows `sizes` to the chunk
+// buffers it would size. A donor aligned on a shared vocabulary is read for its
+// span's rows only.
 TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
                              BufferSizes& sizes) {
     TensorPreview preview;
@@ -35,34 +42,41 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
     const size_t row_bytes = ggml_row_size(ggml_type(plan.out_type), row_len);
     preview.bytes_out = uint64_t(rows) * row_bytes;
     preview.active = active_sources(plan);
-    if (copies_unchanged(sources, plan, preview.active)) {
-        const SourceModel& src = *sources[size_t(preview.active.single)];
+    const std::vector<RowSpan> spans = row_spans(plan);
+    if (spans.size() == 1 && copies_unchanged(sources, plan, spans[0].active)) {
         preview.copied = true;
-        preview.bytes_read = tensor_size(src, plan.source_tensors[size_t(preview.active.single)]);
+        preview.bytes_read = source_row_bytes(sources, plan, spans[0].active.single) * rows;
         return preview;
     }
     if (preview.bytes_out == 0) {
         return preview;
     }
-    check_encodable(plan.out_type);
-    for (const int32_t s : preview.active.sources) {
-        check_decodable(
-            ggml_type(tensor_type(*sources[size_t(s)], plan.source_tensors[size_t(s)])));
+    check_encodable(plan.out_type, plan.importance != nullptr);
+    for (const RowSpan& span : spans) {
+        for (const int32_t s : span.active.sources) {
+            check_decodable(
+                ggml_type(tensor_type(*sources[size_t(s)], plan.source_tensors[size_t(s)])));
+        }
     }
     const int64_t per_chunk = chunk_rows(row_len, rows);
     const uint64_t chunk_floats = uint64_t(per_chunk) * uint64_t(row_len) * sizeof(float);
-    uint64_t mapped = 0;
-    for (const int32_t s : preview.active.sources) {
-        const SourceModel& src = *sources[size_t(s)];
-        const size_t src_row =
-            ggml_row_size(ggml_type(tensor_type(src, plan.source_tensors[size_t(s)])), row_len);
-        preview.bytes_read += uint64_t(src_row) * uint64_t(rows);
-        mapped += uint64_t(src_row) * uint64_t(per_chunk);
-        sizes.source_floats[size_t(s)] = std::max(sizes.source_floats[size_t(s)], chunk_floats);
+    for (const RowSpan& span : spans) {
+        const int64_t span_rows = span.end - span.first;
+        if (copies_unchanged(sources, plan, span.active)) {
+            preview.bytes_read += source_row_bytes(sources, plan, span.active.single) * span_rows;
+            continue;
+        }
+        uint64_t mapped = 0;
+        for (const int32_t s : span.active.sources) {
+            const size_t src_row = source_row_bytes(sources, plan, s);
+            preview.bytes_read += uint64_t(src_row) * uint64_t(span_rows);
+            mapped += uint64_t(src_row) * uint64_t(std::min(per_chunk, span_rows));
+            sizes.source_floats[size_t(s)] = std::max(sizes.source_floats[size_t(s)], chunk_floats);
+        }
+        sizes.mapped_chunk = std::max(sizes.mapped_chunk, mapped);
     }
     sizes.blended = std::max(sizes.blended, chunk_floats);
     sizes.encoded = std::max(sizes.encoded, uint64_t(per_chunk) * row_bytes);
-    sizes.mapped_chunk = std::max(sizes.mapped_chunk, mapped);
     return preview;
 }
 

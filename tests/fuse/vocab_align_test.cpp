@@ -8,6 +8,7 @@
 #include "blend/blend.h"
 #include "blend/draws.h"
 #include "fuse/fuse.h"
+#include "fuse/run_preview.h"
 #include "recipe/parse_recipe.h"
 #include "tests/support/gguf_builder.h"
 
@@ -43,6 +44,19 @@ FixtureModel vocab_model(int64_t vocab, uint64_t seed, int64_t odd = -1, int64_t
     }
     add_tensor(m, "blk.0.attn_norm.weight", GGML_TYPE_F32, {kWidth, 1, 1, 1}, seed * 10 + 5);
     return m;
+}
+
+// The plan preview's source bytes for a vocabulary tensor: each row read once
+// from every source that gives it.
+uint64_t previewed_read(const std::vector<std::string>& paths, const std::string& recipe,
+                        const char* tensor) {
+    const RunPreview p = preview_run(paths, recipe);
+    for (size_t i = 0; i < p.run.plans.size(); ++i) {
+        if (p.run.plans[i].name == tensor) {
+            return p.tensors[i].bytes_read;
+        }
+    }
+    return 0;
 }
 
 struct Source {
@@ -140,6 +154,9 @@ TEST(VocabAlign, RowSpansKeepWeightsAndRowNumbers) {
                   "source 1 vocabulary aligned on 10 shared rows of 10; "
                   "source 2 vocabulary aligned on 7 shared rows of 10");
         const MethodSpec spec = parse_recipe(recipe, 3).default_spec;
+        EXPECT_EQ(previewed_read({dir.file("a.gguf"), dir.file("b.gguf"), dir.file("c.gguf")},
+                                 recipe, kVocabTensors[0]),
+                  (10 + 10 + 7) * kWidth * sizeof(float));
         for (size_t t = 0; t < 2; ++t) {
             EXPECT_EQ(read_tensor_floats(dir.file("o.gguf"), kVocabTensors[t]),
                       expected_rows(sources, spec, t, 10))
@@ -165,6 +182,9 @@ TEST(VocabAlign, PickAndStackTakeSharedRowsFromTheDonor) {
             ASSERT_TRUE(r.ok) << r.message;
             EXPECT_EQ(r.message, "source 1 vocabulary aligned on " + std::to_string(shared) +
                                      " shared rows of 10");
+            EXPECT_EQ(
+                previewed_read({dir.file("a.gguf"), dir.file("b.gguf")}, recipe, kVocabTensors[0]),
+                10 * kWidth * sizeof(float));
             for (size_t t = 0; t < 2; ++t) {
                 std::vector<float> want = fixture_values(tensor_value_seed(1, t), kWidth * 10);
                 const std::vector<float> donor =
