@@ -20,6 +20,9 @@ int print_plan_report(const std::vector<std::string>& sources, const std::string
 
 // Prints "warning: <text>" lines on standard error for the warnings a run of
 // these sources and this recipe would meet; prints nothing else, whatever fails.
+// A run calls it before fusing, so that the warnings stand above the progress
+// line; the preview reads headers only, which costs milliseconds even for large
+// sharded sources.
 void print_run_warnings(const std::vector<std::string>& sources, const std::string& recipe_text,
                         const std::vector<std::string>& extra_warnings);
 
