@@ -23,16 +23,7 @@ bool same_file(const std::string& a, const std::string& b) {
 
 // The picture is written like a model: replaced only when complete.
 void write_text_file(const std::string& path, const std::string& text) {
-    OutputStream out;
-    try {
-        open_output(out, path);
-        write_bytes(out, text.data(), text.size());
-        finish_output(out);
-        commit_output(out);
-    } catch (...) {
-        discard_output(out);
-        throw;
-    }
+    write_output_file(path, [&](OutputStream& out) { write_bytes(out, text.data(), text.size()); });
 }
 
 }  // namespace

@@ -237,6 +237,19 @@ void discard_output(OutputStream& out) {
     }
 }
 
+void write_output_file(const std::string& path, const std::function<void(OutputStream&)>& write) {
+    OutputStream out;
+    try {
+        open_output(out, path);
+        write(out);
+        finish_output(out);
+        commit_output(out);
+    } catch (...) {
+        discard_output(out);
+        throw;
+    }
+}
+
 void withdraw_output(OutputStream& out) {
     struct stat st = {};
     if (out.committed && lstat(out.target.c_str(), &st) == 0 && st.st_dev == out.temp_dev &&

@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 namespace tevrin {
@@ -64,6 +65,11 @@ void commit_output(OutputStream& out);
 // Closes what is open and removes the temporary file, if any; the target is
 // never touched.
 void discard_output(OutputStream& out);
+
+// The whole life of a one-file output: opens `path`, lets `write` fill the
+// stream, finishes and commits it; after any failure (rethrown) nothing of it is
+// left and the path holds what it held before.
+void write_output_file(const std::string& path, const std::function<void(OutputStream&)>& write);
 
 // Removes the file a commit put under the target's name, while that name still
 // holds it: for a run whose later shards fail to take their names after earlier

@@ -174,9 +174,7 @@ void write_model(const SampleOptions& o) {
     std::vector<uint8_t> meta(gguf_get_meta_size(gguf.get()));
     gguf_get_meta_data(gguf.get(), meta.data());
 
-    OutputStream out;
-    try {
-        open_output(out, o.out);
+    write_output_file(o.out, [&](OutputStream& out) {
         write_bytes(out, meta.data(), meta.size());
         const uint64_t alignment = gguf_get_alignment(gguf.get());
         const int threads = resolve_threads(o.threads);
@@ -185,12 +183,7 @@ void write_model(const SampleOptions& o) {
             write_tensor_data(out, tensors[i], o.seed, i, threads);
             write_zeros(out, (alignment - (out.written - before) % alignment) % alignment);
         }
-        finish_output(out);
-        commit_output(out);
-    } catch (...) {
-        discard_output(out);
-        throw;
-    }
+    });
 }
 
 }  // namespace
