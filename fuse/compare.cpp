@@ -21,10 +21,13 @@ namespace tevrin {
 
 namespace {
 
-// Rows are summed in blocks of about this many elements: a block of every source
-// stays in a core's cache between decoding and summing.
+// Rows are summed in blocks of about this many elements, the unit of the fixed
+// order of the sums. Rows of types other than F16 are decoded a slice of about
+// kSliceElements per source at a time, which stays in a core's nearest cache
+// until it is summed.
 constexpr int64_t kBlockElements = 16384;
-constexpr int32_t kMaxSources = 8;
+constexpr int64_t kSliceElements = 2048;
+constexpr size_t kMaxSources = kMaxDonors + 1;
 
 constexpr double kUndefined = std::numeric_limits<double>::quiet_NaN();
 
@@ -126,18 +129,6 @@ const uint8_t* rows_at(const SourceModel& src, int64_t index, int64_t row_len, i
     return tensor_data(src, index) + size_t(row0) * row_bytes;
 }
 
-// Asks the CPU to bring the bytes of rows [row0, row0 + n) into its caches without
-// waiting (a page not mapped yet is skipped): the sums of one block then overlap
-// the memory reads of the next.
-void prefetch_rows(const SourceModel& src, int64_t index, int64_t row_len, int64_t row0,
-                   int64_t n) {
-    size_t row_bytes = 0;
-    const uint8_t* first = rows_at(src, index, row_len, row0, row_bytes);
-    for (size_t at = 0; at < row_bytes * size_t(n); at += 64) {
-        __builtin_prefetch(first + at, 0, 0);
-    }
-}
-
 // Releases the mapping of rows [row0, row0 + n) as a fusion does; returns their size.
 uint64_t release_rows(const SourceModel& src, int64_t index, int64_t row_len, int64_t row0,
                       int64_t n) {
@@ -190,32 +181,84 @@ uint64_t work_bytes(const SourceList& sources, const TensorWork& work) {
     return total;
 }
 
-// Decodes and sums the blocks [first, last) of one chunk; sums[b - first] gets
-// block b. Runs on a worker with a scratch of one block per source.
-void sum_blocks(const RunState& run, const TensorWork& work, const std::vector<int32_t>& active,
-                int64_t block_rows, int64_t first, int64_t last, BlockSums* sums) {
-    const int64_t block_elements = block_rows * work.row_len;
-    std::vector<float> scratch(size_t(block_elements) * active.size());
-    std::vector<const float*> donors(active.size() - 1);
+// One tensor's rows as a worker sums them: `active` holds the reference, then the
+// compared donors.
+struct RowJob {
+    const RunState& run;
+    const TensorWork& work;
+    const std::vector<int32_t>& active;
+
+    const SourceModel& source(size_t a) const { return *run.sources[size_t(active[a])]; }
+    int64_t index(size_t a) const { return work.indices[size_t(active[a])]; }
+};
+
+bool all_half(const RowJob& job) {
+    for (size_t a = 0; a < job.active.size(); ++a) {
+        if (tensor_type(job.source(a), job.index(a)) != GGML_TYPE_F16) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Adds rows [row0, row0 + n) of F16 sources to `lanes` where they lie.
+void add_half_rows(const RowJob& job, int64_t row0, int64_t n, SumLanes& lanes) {
+    const int64_t row_len = job.work.row_len;
+    std::array<const uint16_t*, kMaxSources> rows{};
+    for (size_t a = 0; a < job.active.size(); ++a) {
+        size_t row_bytes = 0;
+        rows[a] = reinterpret_cast<const uint16_t*>(
+            rows_at(job.source(a), job.index(a), row_len, row0, row_bytes));
+    }
+    for (int64_t k = 0; k < n; ++k) {
+        add_half_row(lanes, rows[0], rows.data() + 1, job.active.size() - 1, row_len);
+        for (size_t a = 0; a < job.active.size(); ++a) {
+            rows[a] += row_len;
+        }
+    }
+}
+
+// Decodes rows [row0, row0 + n) `slice_rows` at a time into `scratch`, which
+// holds a slice of every source, and adds them to `lanes`.
+void add_decoded_rows(const RowJob& job, int64_t row0, int64_t n, int64_t slice_rows,
+                      std::vector<float>& scratch, SumLanes& lanes) {
+    const int64_t row_len = job.work.row_len;
+    const int64_t slice = slice_rows * row_len;
+    std::array<const float*, kMaxSources> rows{};
+    for (int64_t r = 0; r < n; r += slice_rows) {
+        const int64_t m = std::min(slice_rows, n - r);
+        for (size_t a = 0; a < job.active.size(); ++a) {
+            decode_source_rows(job.source(a), job.index(a), row0 + r, m, row_len,
+                               scratch.data() + slice * int64_t(a));
+            rows[a] = scratch.data() + slice * int64_t(a);
+        }
+        for (int64_t k = 0; k < m; ++k) {
+            add_row(lanes, rows[0], rows.data() + 1, job.active.size() - 1, row_len);
+            for (size_t a = 0; a < job.active.size(); ++a) {
+                rows[a] += row_len;
+            }
+        }
+    }
+}
+
+// Sums the blocks [first, last) of one chunk; sums[b - first] gets block b. F16
+// rows are summed where they lie when the CPU can, others decoded first.
+void sum_blocks(const RowJob& job, int64_t block_rows, int64_t first, int64_t last,
+                BlockSums* sums) {
+    const TensorWork& work = job.work;
+    const bool halves = adds_half_rows() && all_half(job);
+    const int64_t slice_rows = std::clamp<int64_t>(kSliceElements / work.row_len, 1, block_rows);
+    std::vector<float> scratch(halves ? 0 : size_t(slice_rows * work.row_len) * job.active.size());
     for (int64_t b = first; b < last; ++b) {
         const int64_t row0 = b * block_rows;
         const int64_t n = std::min(block_rows, work.rows - row0);
-        for (size_t a = 0; a < active.size(); ++a) {
-            const SourceModel& src = *run.sources[size_t(active[a])];
-            decode_source_rows(src, work.indices[size_t(active[a])], row0, n, work.row_len,
-                               scratch.data() + size_t(block_elements) * a);
-            if (a > 0) {
-                donors[a - 1] = scratch.data() + size_t(block_elements) * a;
-            }
+        SumLanes lanes;
+        if (halves) {
+            add_half_rows(job, row0, n, lanes);
+        } else {
+            add_decoded_rows(job, row0, n, slice_rows, scratch, lanes);
         }
-        if (b + 1 < last) {
-            const int64_t next = std::min(block_rows, work.rows - row0 - n);
-            for (int32_t s : active) {
-                prefetch_rows(*run.sources[size_t(s)], work.indices[size_t(s)], work.row_len,
-                              row0 + n, next);
-            }
-        }
-        sums[b - first] = sum_block(scratch.data(), donors, n * work.row_len);
+        sums[b - first] = lane_totals(lanes, job.active.size() - 1);
     }
 }
 
@@ -226,6 +269,7 @@ void compare_tensor(RunState& run, const TensorWork& work, TensorComparison& ent
             active.push_back(int32_t(s));
         }
     }
+    const RowJob job{run, work, active};
     const int64_t block_rows =
         std::max<int64_t>(1, kBlockElements / std::max<int64_t>(work.row_len, 1));
     const int64_t blocks = work.row_len == 0 ? 0 : (work.rows + block_rows - 1) / block_rows;
@@ -239,10 +283,10 @@ void compare_tensor(RunState& run, const TensorWork& work, TensorComparison& ent
             throw std::runtime_error("cancelled");
         }
         const int64_t count = std::min(chunk_blocks, blocks - start);
-        parallel_rows(
-            int32_t(std::min<int64_t>(run.threads, count)), count, [&](int64_t lo, int64_t hi) {
-                sum_blocks(run, work, active, block_rows, start + lo, start + hi, sums.data() + lo);
-            });
+        parallel_rows(int32_t(std::min<int64_t>(run.threads, count)), count,
+                      [&](int64_t lo, int64_t hi) {
+                          sum_blocks(job, block_rows, start + lo, start + hi, sums.data() + lo);
+                      });
         for (int64_t b = 0; b < count; ++b) {
             add_block(total, sums[size_t(b)], active.size() - 1);
         }
@@ -292,7 +336,7 @@ const char* status_word(PairStatus status) {
 
 Comparison compare_sources(const std::vector<std::string>& paths, int threads,
                            const std::atomic<bool>* cancel, const ProgressFn& progress) {
-    if (paths.size() < 2 || paths.size() > size_t(kMaxSources)) {
+    if (paths.size() < 2 || paths.size() > kMaxSources) {
         throw std::runtime_error("compare takes 2 to 8 sources");
     }
     silence_ggml_log();

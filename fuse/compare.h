@@ -3,14 +3,15 @@
 // parameter-weighted means per layer and role.
 //
 // Tensors are paired by name; a pair is compared when both hold the tensor in the
-// same shape and both types decode to floats. Decoding is the fusion's own. Work
-// goes in chunks of rows (at most kChunkElements elements each) over all threads,
-// each thread decoding one block of rows per source into a small scratch; every
-// sum is a double sum over a fixed block of rows, and blocks are added up in
-// order, so the figures depend neither on the thread count nor on the chunking.
-// Source pages are released after each chunk, as in a fusion. compare_sources
-// runs on the calling thread plus workers; `progress` is called on the calling
-// thread only.
+// same shape and both types decode to floats. Values are the fusion's own: F16
+// rows are summed as stored (each half converts to a float exactly), others
+// decoded as a fusion does, a few rows at a time into a small scratch. Work goes
+// in chunks of rows (at most kChunkElements elements each) over all threads;
+// every sum is a double sum over a fixed block of rows, and blocks are added up
+// in order, so the figures depend neither on the thread count nor on the
+// chunking. Source pages are released after each chunk, as in a fusion.
+// compare_sources runs on the calling thread plus workers; `progress` is called
+// on the calling thread only.
 #pragma once
 
 #include <array>
