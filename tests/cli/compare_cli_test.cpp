@@ -1,10 +1,10 @@
 // --compare as a user meets it: statuses, the table, the JSON lines, the picture.
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <algorithm>
 
+#include "tests/cli/cli_run.h"
 #include "tests/model/json_check.h"
-#include "tests/support/gguf_builder.h"
 
 namespace tevrin::testing {
 namespace {
@@ -12,47 +12,23 @@ namespace {
 const std::string kCompareUsage =
     "usage: tevrin-fuse --compare [--json] [--svg out.svg] reference src... (2 to 8 sources)\n";
 
-CommandResult fuse_cli(const std::string& args) {
-    return run_command(shell_quote(fuse_exe()) + " " + args);
-}
-
-// An '&' that starts no entity reference.
-bool stray_ampersand(const std::string& text) {
-    for (size_t at = text.find('&'); at != std::string::npos; at = text.find('&', at + 1)) {
-        const std::string rest = text.substr(at + 1, 6);
-        const bool entity = rest.rfind("amp;", 0) == 0 || rest.rfind("lt;", 0) == 0 ||
-                            rest.rfind("gt;", 0) == 0 || rest.rfind("quot;", 0) == 0 ||
-                            rest.rfind("apos;", 0) == 0;
-        if (!entity) {
-            return true;
+// Well-formed enough for any XML reader: one root, every tag closed in order,
+// quoted attributes, no raw '<' in text, and every '&' starting an entity.
+bool well_formed_xml(const std::string& doc) {
+    for (size_t at = doc.find('&'); at != std::string::npos; at = doc.find('&', at + 1)) {
+        const std::string rest = doc.substr(at + 1, 5);
+        if (!rest.starts_with("amp;") && !rest.starts_with("lt;") && !rest.starts_with("gt;") &&
+            !rest.starts_with("quot;")) {
+            return false;
         }
     }
-    return false;
-}
-
-// Well-formed enough for any XML reader: one root, every tag closed in order,
-// quoted attributes, and no raw '<' or stray '&' in text or attribute values.
-bool well_formed_xml(const std::string& doc) {
     std::vector<std::string> open;
-    size_t i = doc.rfind("<?xml", 0) == 0 ? doc.find("?>") + 2 : 0;
-    bool had_root = false;
-    while (i < doc.size()) {
-        const size_t lt = doc.find('<', i);
-        const std::string text = doc.substr(i, (lt == std::string::npos ? doc.size() : lt) - i);
-        if (stray_ampersand(text) ||
-            (open.empty() && text.find_first_not_of(" \n") != std::string::npos)) {
-            return false;
-        }
-        if (lt == std::string::npos) {
-            break;
-        }
+    int roots = 0;
+    const size_t prolog = doc.starts_with("<?xml") ? doc.find("?>") : 0;
+    for (size_t lt = doc.find('<', prolog); lt != std::string::npos; lt = doc.find('<', lt + 1)) {
         const size_t gt = doc.find('>', lt);
-        if (gt == std::string::npos) {
-            return false;
-        }
-        std::string tag = doc.substr(lt + 1, gt - lt - 1);
-        if (std::count(tag.begin(), tag.end(), '"') % 2 != 0 || tag.find('<') != tag.npos ||
-            stray_ampersand(tag)) {
+        const std::string tag = doc.substr(lt + 1, gt - lt - 1);
+        if (gt == std::string::npos || has(tag, "<") || std::ranges::count(tag, '"') % 2 != 0) {
             return false;
         }
         if (tag[0] == '/') {
@@ -60,47 +36,14 @@ bool well_formed_xml(const std::string& doc) {
                 return false;
             }
             open.pop_back();
-        } else {
-            const bool empty = tag.back() == '/';
-            if (open.empty() && had_root) {
-                return false;
-            }
-            had_root = true;
-            if (!empty) {
-                open.push_back(tag.substr(0, tag.find_first_of(" \n/")));
-            }
+            continue;
         }
-        i = gt + 1;
+        roots += open.empty();
+        if (tag.back() != '/') {
+            open.push_back(tag.substr(0, tag.find_first_of(" \n")));
+        }
     }
-    return had_root && open.empty();
-}
-
-// Well-formed UTF-8, as XML readers demand (no overlong or surrogate forms).
-bool valid_utf8(const std::string& text) {
-    for (size_t at = 0; at < text.size();) {
-        const auto byte = [&](size_t k) {
-            return at + k < text.size() ? static_cast<unsigned char>(text[at + k]) : 0u;
-        };
-        const unsigned lead = byte(0);
-        const size_t n = lead < 0x80   ? 1
-                         : lead < 0xc2 ? 0
-                         : lead < 0xe0 ? 2
-                         : lead < 0xf0 ? 3
-                         : lead < 0xf5 ? 4
-                                       : 0;
-        const unsigned low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
-        const unsigned high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
-        if (n == 0 || (n > 1 && (byte(1) < low || byte(1) > high))) {
-            return false;
-        }
-        for (size_t k = 2; k < n; ++k) {
-            if ((byte(k) & 0xc0) != 0x80) {
-                return false;
-            }
-        }
-        at += n;
-    }
-    return true;
+    return roots == 1 && open.empty();
 }
 
 size_t count_of(const std::string& text, const std::string& part) {
@@ -125,13 +68,10 @@ struct CompareCliTest : ::testing::Test {
 };
 
 TEST_F(CompareCliTest, StatusesAndMessages) {
-    const std::string nine = [&] {
-        std::string s;
-        for (int i = 0; i < 9; ++i) {
-            s += " " + b;
-        }
-        return s;
-    }();
+    std::string nine;
+    for (int i = 0; i < 9; ++i) {
+        nine += " " + b;
+    }
     const struct {
         std::string args;
         int status;
@@ -169,49 +109,45 @@ TEST_F(CompareCliTest, StatusesAndMessages) {
 TEST_F(CompareCliTest, TableHasALinePerLayerAndSourceAndListsWhatWasNotCompared) {
     const CommandResult r = fuse_cli("--compare " + q(a) + " " + a2 + " " + c);
     ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_EQ(r.out.rfind("reference  " + a + "\nsource 1   " + a2 + "\nsource 2   " + c + "\n", 0),
-              0u)
+    EXPECT_TRUE(
+        r.out.starts_with("reference  " + a + "\nsource 1   " + a2 + "\nsource 2   " + c + "\n"))
         << r.out;
     // Identical donor: every figure 1 and 0; the Q8_0 copy has one layer fewer.
     const std::string same =
         "    1   1.000000  0.000000  1.000000  0.000000  1.000000  0.000000  "
         "1.000000  0.000000\n";
     for (const std::string layer : {"    0", "    1", "    2", "  all"}) {
-        EXPECT_NE(r.out.find(layer + same), std::string::npos) << layer << "\n" << r.out;
+        EXPECT_PRED2(has, r.out, layer + same);
     }
-    EXPECT_NE(r.out.find(" rest    1          -                   -            1.000000  "
-                         "0.000000  1.000000  0.000000\n"),
-              std::string::npos);
-    EXPECT_NE(r.out.find("    1    2   0.99"), std::string::npos);
-    EXPECT_NE(r.out.find("\n    2    2          -                   -                   -"
-                         "                   -\n"),
-              std::string::npos);
-    EXPECT_NE(r.out.find("\ntensors not compared with every source:\n"
-                         "  blk.2.attn_norm.weight: source 2 missing\n"),
-              std::string::npos)
-        << r.out;
+    EXPECT_PRED2(has, r.out,
+                 " rest    1          -                   -            1.000000  0.000000  "
+                 "1.000000  0.000000\n");
+    EXPECT_PRED2(has, r.out, "    1    2   0.99");
+    EXPECT_PRED2(has, r.out,
+                 "\n    2    2          -                   -                   -"
+                 "                   -\n");
+    EXPECT_PRED2(has, r.out,
+                 "\ntensors not compared with every source:\n"
+                 "  blk.2.attn_norm.weight: source 2 missing\n");
 }
 
 TEST_F(CompareCliTest, JsonIsOneValidObjectPerTensor) {
     const CommandResult r = fuse_cli("--compare --json " + q(a) + " " + c + " " + b);
     ASSERT_EQ(r.status, 0) << r.out;
-    std::istringstream lines(r.out);
-    std::string line;
-    int count = 0;
-    while (std::getline(lines, line)) {
-        ++count;
+    const std::vector<std::string> lines = lines_of(r.out);
+    EXPECT_EQ(lines.size(), 12u);
+    for (const std::string& line : lines) {
         EXPECT_TRUE(is_valid_json(line)) << line;
     }
-    EXPECT_EQ(count, 12);
-    EXPECT_NE(r.out.find("{\"tensor\":\"blk.2.attn_q.weight\",\"layer\":2,\"role\":\"attention\","
-                         "\"params\":4096,\"held_by\":[0,2],\"donors\":[{\"source\":1,\"status\":"
-                         "\"missing\"},{\"source\":2,\"status\":\"compared\",\"cosine\":"),
-              std::string::npos)
-        << r.out;
+    EXPECT_PRED2(has, r.out,
+                 "{\"tensor\":\"blk.2.attn_q.weight\",\"layer\":2,\"role\":\"attention\","
+                 "\"params\":4096,\"held_by\":[0,2],\"donors\":[{\"source\":1,\"status\":"
+                 "\"missing\"},{\"source\":2,\"status\":\"compared\",\"cosine\":");
 }
 
 TEST_F(CompareCliTest, PictureIsWellFormedWithACellPerLayerRoleAndDonor) {
-    // File names may hold any bytes; a long one is cut, never inside a character.
+    // File names may hold any bytes (shown as '?' where not UTF-8); a long one is cut,
+    // never inside a character.
     const std::string odd =
         dir.file("\xff" + std::string(19, ' ') + "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9.gguf");
     write_fixture(llama_fixture(3, 64, GGML_TYPE_F16, 2), odd);
@@ -221,13 +157,12 @@ TEST_F(CompareCliTest, PictureIsWellFormedWithACellPerLayerRoleAndDonor) {
     ASSERT_EQ(r.status, 0) << r.out;
     const std::string doc = read_file(svg);
     EXPECT_TRUE(well_formed_xml(doc)) << doc;
-    EXPECT_TRUE(valid_utf8(doc));
-    EXPECT_NE(doc.find("?" + std::string(19, ' ') + "\xc3\xa9\xc3\xa9\xc3\xa9...<"),
-              std::string::npos);
+    EXPECT_PRED2(has, doc, ": ?" + std::string(19, ' ') + "\xc3\xa9\xc3\xa9\xc3\xa9...<");
     EXPECT_EQ(count_of(doc, "<rect class=\"cell\""), (3u + 1u) * 4u * 2u);  // 3 layers + rest
-    EXPECT_NE(doc.find("a&amp;&lt;b&gt;.gguf"), std::string::npos);
-    EXPECT_NE(doc.find("log scale"), std::string::npos);
-    for (const std::string bad : {"<a>x</b>", "<a>&x</a>", "<a b=\"1></a>", "<a/><b/>", "<a>"}) {
+    EXPECT_PRED2(has, doc, "a&amp;&lt;b&gt;.gguf");
+    EXPECT_PRED2(has, doc, "log scale");
+    for (const std::string bad :
+         {"<a>x</b>", "<a>&x</a>", "<a b=\"1></a>", "<a/><b/>", "<a>x<y</a>"}) {
         EXPECT_FALSE(well_formed_xml(bad)) << bad;  // the checker itself
     }
 }
