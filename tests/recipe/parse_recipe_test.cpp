@@ -1,11 +1,10 @@
 // Recipe text: method expressions, number limits, directives, comments and line
-// ends, messages with their line numbers, the order of the final checks, the stack
-// length cap, and the recipes under examples/.
+// ends, messages with their line numbers, the order of the final checks, the
+// stack length cap, and the output type words with the "type" directive.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <ggml.h>
+
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -13,6 +12,7 @@
 
 #include "recipe/method_table.h"
 #include "recipe/parse_recipe.h"
+#include "recipe/type_words.h"
 
 namespace tevrin {
 namespace {
@@ -135,7 +135,10 @@ TEST(RecipeText, FailureMessagesAndTheOrderOfFinalChecks) {
         {"seed 1\r\nseed 2\r\nlayers\r\n", 3, range},
         {"\v\n\f\v\f\nseed 5\n\f\nbad directive", 5, "unknown directive 'bad'"},
         {"tensor *attn#q* pick 0 # c", 1, "missing method in: tensor *attn"},
+        {"layers -1-3 pick 0", 1, "stoi"},  // the range is cut at its first '-'
         {"out q4_k_l", 1, "unknown out type 'q4_k_l'"},
+        {"type x q4_k_m", 1, "'q4_k_m' is a mix, not a tensor type"},
+        {"\ntype x", 2, "vector::_M_range_check: __n (which is 2) >= this->size() (which is 2)"},
         {"seed abc", 1, "stoull"},
         {"default slerp >0.8", 1, "stof"},
         {"stack 0:0 1", 1, "stack slice needs src:a-b"},
@@ -158,27 +161,47 @@ TEST(RecipeText, FailureMessagesAndTheOrderOfFinalChecks) {
     }
 }
 
-// Each example names the source count it is meant for in a "# sources: N" line.
-TEST(RecipeText, ExamplesParse) {
-    int checked = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(
-             std::filesystem::path(TEVRIN_SOURCE_DIR) / "examples")) {
-        if (entry.path().extension() != ".txt") {
-            continue;
-        }
-        SCOPED_TRACE(entry.path().string());
-        const std::string text{std::istreambuf_iterator<char>(std::ifstream(entry.path()).rdbuf()),
-                               {}};
-        const size_t at = text.find("# sources: ");
-        ASSERT_NE(at, std::string::npos);
-        const Recipe recipe = parse_recipe(text, std::stoi(text.substr(at + 11)));
-        for (const StackSlice& slice : recipe.stack) {
-            // The sample models have at least 4 layers in source 0, 6 in source 1.
-            EXPECT_LT(slice.layer, slice.source == 0 ? 4 : 6);
-        }
-        ++checked;
+std::string describe(const OutType& o) {
+    return std::string(o.keep ? "keep" : ggml_type_name(ggml_type(o.type))) + " " +
+           std::to_string(o.file_type) + " " + mix_word(o.mix) + (o.needs_matrix ? " matrix" : "");
+}
+
+TEST(TypeWords, EveryWord) {
+    // clang-format off
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"f32", "f32 0 none"}, {"F16", "f16 1 none"}, {"bf16", "bf16 32 none"},
+        {"q8_0", "q8_0 7 none"}, {"q6_k", "q6_K 18 none"}, {"q5_k", "q5_K 17 none"},
+        {"q5_1", "q5_1 9 none"}, {"q5_0", "q5_0 8 none"}, {"Q4_K", "q4_K 15 none"},
+        {"q4_1", "q4_1 3 none"}, {"q4_0", "q4_0 2 none"}, {"iq4_nl", "iq4_nl 25 none"},
+        {"iq4_xs", "iq4_xs 30 none"}, {"q3_k", "q3_K 12 none"}, {"q2_k", "q2_K 10 none"},
+        {"tq2_0", "tq2_0 37 none"}, {"tq1_0", "tq1_0 36 none"},
+        {"iq3_s", "iq3_s 26 none matrix"}, {"iq3_xxs", "iq3_xxs 23 none matrix"},
+        {"iq2_s", "iq2_s 29 none matrix"}, {"iq2_xs", "iq2_xs 20 none matrix"},
+        {"iq2_xxs", "iq2_xxs 19 none matrix"}, {"iq1_m", "iq1_m 31 none matrix"},
+        {"iq1_s", "iq1_s 24 none matrix"}, {"keep", "keep -1 none"},
+        {"Q5_K_M", "q5_K 17 q5_k_m"}, {"q5_k_s", "q5_K 16 q5_k_s"}, {"Q4_K_M", "q4_K 15 q4_k_m"},
+        {"q4_k_s", "q4_K 14 q4_k_s"}, {"q3_k_l", "q3_K 13 q3_k_l"}, {"q3_k_m", "q3_K 12 q3_k_m"},
+        {"q3_k_s", "q3_K 11 q3_k_s"}, {"q2_k_s", "q2_K 21 q2_k_s matrix"},
+    };
+    // clang-format on
+    EXPECT_EQ(cases.size(), type_words().size());
+    for (const auto& [word, expected] : cases) {
+        EXPECT_EQ(describe(parse_out_type(word)), expected) << word;
     }
-    EXPECT_GE(checked, 5);
+    for (const std::string bad : {"q4_k_l", "q8_1", "i32", "q4_k_m "}) {
+        EXPECT_THROW(parse_out_type(bad), std::invalid_argument) << bad;
+    }
+}
+
+TEST(TypeWords, TypeDirective) {
+    const Recipe r = parse_recipe(
+        "out q4_k_m\ntype blk.*.attn_v.weight Q8_0 # more bits\ntype output.weight keep\n", 1);
+    ASSERT_EQ(r.type_rules.size(), 2u);
+    EXPECT_EQ(r.type_rules[0].pattern, "blk.*.attn_v.weight");
+    EXPECT_EQ(describe(r.type_rules[0].out), "q8_0 7 none");
+    EXPECT_EQ(r.type_rules[0].text, "type blk.*.attn_v.weight Q8_0");
+    EXPECT_TRUE(r.type_rules[1].out.keep);
+    EXPECT_EQ(r.out.mix, QuantMix::q4_k_m);
 }
 
 }  // namespace
