@@ -1,7 +1,5 @@
-// Every method through blend_rows, over row sets held in vectors so inputs and
-// expected outputs read as plain lists.
-#include "blend/blend.h"
-
+// Every method through blend_rows: the same bytes however rows are cut into calls,
+// and the older methods against plain references of their definitions.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,38 +9,11 @@
 
 #include "blend/draws.h"
 #include "recipe/method_table.h"
+#include "tests/blend/kernel_call.h"
 #include "tests/support/gguf_builder.h"
 
-namespace tevrin {
+namespace tevrin::testing {
 namespace {
-
-using Floats = std::vector<float>;
-using Rows = std::vector<Floats>;
-
-MethodSpec method(BlendMethod kind, float t = 0.5f, Floats weights = {}) {
-    MethodSpec spec;
-    spec.method = kind, spec.t = t, spec.weights = std::move(weights);
-    return spec;
-}
-
-// Blends rows [first, first + rows) of the sources into the same rows of `out`.
-void blend_range(const MethodSpec& spec, uint64_t seed, const Rows& sources, Floats& out,
-                 int64_t first, int64_t rows, int64_t row_len) {
-    std::vector<const float*> at;
-    for (const auto& s : sources) {
-        at.push_back(s.data() + first * row_len);
-    }
-    blend_rows(spec, seed, first, at, out.data() + first * row_len, rows, row_len);
-}
-
-// All rows in one call; row_len 0 makes the whole list one row.
-Floats blend(const MethodSpec& spec, const Rows& sources, int64_t row_len = 0, uint64_t seed = 7) {
-    const auto count = static_cast<int64_t>(sources[0].size());
-    row_len = row_len == 0 ? count : row_len;
-    Floats out(sources[0].size(), -12345.0f);
-    blend_range(spec, seed, sources, out, 0, count / row_len, row_len);
-    return out;
-}
 
 // The property the whole tool rests on: a tensor's rows give the same bytes
 // whether they are blended in one call or cut into calls at any rows, as the
@@ -51,7 +22,7 @@ TEST(SplitCalls, EveryMethodGivesTheSameBytesHoweverRowsAreCut) {
     const int64_t rows = 100, row_len = 600;  // breadcrumbs cuts a top band, della uses radix
     Rows sources;
     for (uint64_t s = 0; s < 3; ++s) {
-        sources.push_back(testing::fixture_values(40 + s, rows * row_len));
+        sources.push_back(fixture_values(40 + s, rows * row_len));
     }
     // Repeated magnitudes exercise the equal-magnitude paths of the trimming methods.
     for (size_t i = 0; i < sources[0].size(); i += 7) {
@@ -64,14 +35,14 @@ TEST(SplitCalls, EveryMethodGivesTheSameBytesHoweverRowsAreCut) {
         const float t = kind == BlendMethod::karcher      ? 10
                         : kind == BlendMethod::multislerp ? 1
                                                           : 0.3f;
-        MethodSpec spec = method(kind, t, {1, 0.7f, 1.4f});
+        MethodSpec spec = spec_of(kind, t, {1, 0.7f, 1.4f});
         spec.pick = 2;
         Floats whole(sources[0].size());
-        blend_range(spec, 99, sources, whole, 0, rows, row_len);
+        run_rows(spec, 99, sources, whole, 0, rows, row_len);
         for (const auto& cut : cuts) {
             Floats pieces(sources[0].size(), -1.0f);
             for (size_t c = 0; c + 1 < cut.size(); ++c) {
-                blend_range(spec, 99, sources, pieces, cut[c], cut[c + 1] - cut[c], row_len);
+                run_rows(spec, 99, sources, pieces, cut[c], cut[c + 1] - cut[c], row_len);
             }
             EXPECT_EQ(std::memcmp(whole.data(), pieces.data(), whole.size() * 4), 0) << m;
         }
@@ -81,8 +52,8 @@ TEST(SplitCalls, EveryMethodGivesTheSameBytesHoweverRowsAreCut) {
 TEST(Linear, NormalisesTheWeights) {
     const Rows one_hot = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};  // writes the shares
     // A zero sum divides by 1, a negative one as it is; a short list gives 0.
-    EXPECT_EQ(blend(method(BlendMethod::linear, 0.5f, {0, 0}), one_hot), Floats(3));
-    EXPECT_EQ(blend(method(BlendMethod::linear, 0.5f, {1, -3}), one_hot), (Floats{-0.5f, 1.5f, 0}));
+    EXPECT_EQ(run(spec_of(BlendMethod::linear, 0.5f, {0, 0}), one_hot), Floats(3));
+    EXPECT_EQ(run(spec_of(BlendMethod::linear, 0.5f, {1, -3}), one_hot), (Floats{-0.5f, 1.5f, 0}));
 }
 
 TEST(Slerp, FollowsTheArcOrFallsBackToTheLinearForm) {
@@ -101,14 +72,14 @@ TEST(Slerp, FollowsTheArcOrFallsBackToTheLinearForm) {
         {{{1, 0}, {1, 0.02f}}, 0.5f, {1, 0.01f}},             // nearly parallel
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(blend(method(BlendMethod::slerp, c.t), c.sources), c.expected);
+        EXPECT_EQ(run(spec_of(BlendMethod::slerp, c.t), c.sources), c.expected);
     }
 }
 
 TEST(Median, TakesTheMiddleOrTheMeanOfTheMiddleTwo) {
     Rows sources;
     for (size_t n = 1; n <= 9; ++n) {
-        sources.push_back(testing::fixture_values(n, 37));
+        sources.push_back(fixture_values(n, 37));
         Floats expected(37);
         for (size_t e = 0; e < expected.size(); ++e) {
             Floats v;
@@ -118,7 +89,7 @@ TEST(Median, TakesTheMiddleOrTheMeanOfTheMiddleTwo) {
             std::sort(v.begin(), v.end());
             expected[e] = n % 2 == 1 ? v[n / 2] : (v[n / 2] + v[n / 2 - 1]) * 0.5f;
         }
-        EXPECT_EQ(blend(method(BlendMethod::median), sources), expected) << n;
+        EXPECT_EQ(run(spec_of(BlendMethod::median), sources), expected) << n;
     }
 }
 
@@ -130,7 +101,7 @@ TEST(Chaos, DrawsOneDirichletWeightSetPerBlockOf32Rows) {
     for (size_t i = 0; i < sources[0].size(); ++i) {
         sources[i % 3][i] = 1.0f;
     }
-    const auto out = blend(method(BlendMethod::chaos, 0.25f), sources, 3, 11);
+    const auto out = run(spec_of(BlendMethod::chaos, 0.25f), sources, 3, 11);
     for (int64_t r = 0; r < rows; ++r) {
         RowEngine engine(chaos_engine_seed(11, r));
         GammaDraw state = make_gamma_draw(6.3f);  // (1 - 0.25) * 8 + 0.3
@@ -166,7 +137,7 @@ Floats reference_band(const Floats& donor, size_t low, size_t high) {
 TEST(TrimmingMethods, CutsMatchAReferenceSelection) {
     // Magnitudes over many exponents with repeats; short rows (no top band for
     // breadcrumbs) with magnitudes tied at the cut; a row of one magnitude.
-    Floats wide = testing::fixture_values(77, 3000);
+    Floats wide = fixture_values(77, 3000);
     for (size_t e = 0; e < wide.size(); ++e) {
         wide[e] = e % 5 == 0 ? 0.125f : std::ldexp(wide[e], static_cast<int>(e % 40) - 20);
     }
@@ -176,10 +147,10 @@ TEST(TrimmingMethods, CutsMatchAReferenceSelection) {
         for (float t : {0.05f, 0.33f, 1.0f}) {
             const auto keep = std::max<size_t>(1, std::floor(static_cast<float>(len) * t));
             const Rows sources = {Floats(len), donor};
-            EXPECT_EQ(blend(method(BlendMethod::ties, t), sources),
+            EXPECT_EQ(run(spec_of(BlendMethod::ties, t), sources),
                       reference_band(donor, len - keep, len))
                 << len << " " << t;
-            EXPECT_EQ(blend(method(BlendMethod::breadcrumbs, t), sources),
+            EXPECT_EQ(run(spec_of(BlendMethod::breadcrumbs, t), sources),
                       reference_band(donor, len - top - std::min(keep, len - top), len - top))
                 << len << " " << t;
         }
@@ -202,7 +173,7 @@ TEST(Ties, ElectsASignAndAveragesTheAgreeingDonors) {
         for (float d : c.deltas) {
             sources.push_back({10 + d});
         }
-        EXPECT_EQ(blend(method(BlendMethod::ties, 1.0f, c.weights), sources)[0], c.expected);
+        EXPECT_EQ(run(spec_of(BlendMethod::ties, 1.0f, c.weights), sources)[0], c.expected);
     }
 }
 
@@ -221,9 +192,9 @@ Floats reference_dare(const Rows& donors, float drop_rate) {
 }
 
 TEST(Dare, DropsByTheRowEngineAndRescales) {
-    const Floats row = testing::fixture_values(3, 1000);
+    const Floats row = fixture_values(3, 1000);
     for (float t : {0.0f, 0.5f, 0.99f}) {  // identical donors, different drop patterns
-        EXPECT_EQ(blend(method(BlendMethod::dare, t), {Floats(1000), row, row}, 0, 9),
+        EXPECT_EQ(run(spec_of(BlendMethod::dare, t), {Floats(1000), row, row}, 0, 9),
                   reference_dare({row, row}, t))
             << t;
     }
@@ -251,7 +222,7 @@ Floats reference_della(const Floats& donor, float drop_rate, float spread) {
 
 TEST(Della, DropsByRankWithFallingProbability) {
     const Floats scrambled = {0.3f, -4, 1, 2.5f, -0.1f, 8, -2, 0.7f, 5, -6, 3, 0.2f, 2};
-    Floats long_row = testing::fixture_values(5, 3000);  // ranked by radix sort
+    Floats long_row = fixture_values(5, 3000);  // ranked by radix sort
     for (size_t e = 0; e < long_row.size(); e += 3) {
         long_row[e] = e % 2 == 0 ? 1.5f : -1.5f;  // equal magnitudes keep index order
     }
@@ -264,7 +235,7 @@ TEST(Della, DropsByRankWithFallingProbability) {
     };
     for (const auto& c : cases) {
         const auto out =
-            blend(method(BlendMethod::della, c.t), {Floats(c.donor.size()), c.donor}, 0, 21);
+            run(spec_of(BlendMethod::della, c.t), {Floats(c.donor.size()), c.donor}, 0, 21);
         EXPECT_EQ(out, reference_della(c.donor, c.t, c.spread)) << c.t;
     }
 }
@@ -272,9 +243,8 @@ TEST(Della, DropsByRankWithFallingProbability) {
 // Out-of-range t acts as the nearest end, and NaN (a recipe may say "nan") as the
 // low end.
 TEST(ClampsOfT, ActAsTheEndOfTheRange) {
-    const Rows sources = {testing::fixture_values(60, 40 * 256),
-                          testing::fixture_values(61, 40 * 256),
-                          testing::fixture_values(62, 40 * 256)};
+    const Rows sources = {fixture_values(60, 40 * 256), fixture_values(61, 40 * 256),
+                          fixture_values(62, 40 * 256)};
     const float nan = std::nanf("");
     const struct {
         BlendMethod kind;
@@ -288,12 +258,12 @@ TEST(ClampsOfT, ActAsTheEndOfTheRange) {
         {BlendMethod::nearswap, nan, 0.0f},
     };
     for (const auto& c : cases) {
-        const auto out = blend(method(c.kind, c.t, {1, 0.7f, 1.4f}), sources, 256);
-        EXPECT_EQ(out, blend(method(c.kind, c.same_as, {1, 0.7f, 1.4f}), sources, 256))
+        const auto out = run(spec_of(c.kind, c.t, {1, 0.7f, 1.4f}), sources, 256);
+        EXPECT_EQ(out, run(spec_of(c.kind, c.same_as, {1, 0.7f, 1.4f}), sources, 256))
             << method_word(c.kind) << " " << c.t;
         EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float x) { return std::isfinite(x); }));
     }
 }
 
 }  // namespace
-}  // namespace tevrin
+}  // namespace tevrin::testing

@@ -1,6 +1,6 @@
-// karcher, multislerp and nuslerp against double-precision references: closed
-// forms on two rows, the fixed-point condition of the spherical mean, one step
-// of that mean written out plainly, and the edges.
+// karcher, multislerp and nuslerp against double-precision references: the
+// fixed-point condition of the spherical mean, one step of that mean written out
+// plainly, the slerp of two task vectors, and the edges.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -87,27 +87,6 @@ TEST(Karcher, ReachesTheWeightedSphericalMean) {
     const Doubles a = wide(rows[0]), b = wide(rows[1]);
     expect_close(run(spec_of(BlendMethod::karcher, 0), {rows[0], rows[1]}),
                  mix((length(a) + length(b)) / 2, unit(mix(1, unit(a), 1, unit(b)))));
-}
-
-TEST(SphericalMeans, TwoRowsFollowTheArcAndAverageTheLengths) {
-    const Rows rows = spread_rows(2, 48, 1.5f);  // about 60 degrees apart
-    const Doubles a = unit(wide(rows[0])), b = unit(wide(rows[1]));
-    const double la = length(wide(rows[0])), lb = length(wide(rows[1]));
-    const Doubles b_as_long_as_a = mix(la, b);
-    const Rows equal = {rows[0], Floats(b_as_long_as_a.begin(), b_as_long_as_a.end())};
-    const double theta = std::acos(dot(a, b));
-    for (float t : {0.0f, 0.2f, 0.5f, 0.9f, 1.0f}) {
-        SCOPED_TRACE(t);
-        const Doubles arc = mix(std::sin((1 - t) * theta) / std::sin(theta), a,
-                                std::sin(t * theta) / std::sin(theta), b);
-        expect_close(run(spec_of(BlendMethod::karcher, 10, {1 - t, t}), rows),
-                     mix((1 - t) * la + t * lb, arc));
-        expect_close(run(spec_of(BlendMethod::multislerp, 0, {1 - t, t}), rows),
-                     mix((1 - t) * la + t * lb, arc));
-        // Rows of equal length: slerp itself, within rounding.
-        expect_close(run(spec_of(BlendMethod::multislerp, 0, {1 - t, t}), equal),
-                     wide(run(spec_of(BlendMethod::slerp, t), equal)));
-    }
 }
 
 TEST(Multislerp, IsOneStepOfTheMeanOnRowsOrOnTaskVectors) {
