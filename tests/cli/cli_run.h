@@ -37,21 +37,4 @@ inline std::string line_with(const std::string& text, const std::string& part) {
     return "";
 }
 
-// Writes a recipe of 1600 q4_k layers from a 4-layer source to `path`: a run long
-// enough to be interrupted at any point a test waits for.
-inline void write_long_recipe(const std::string& path) {
-    std::string stack = "out q4_k\nstack";
-    for (int i = 0; i < 400; ++i) {
-        stack += " 0:0-3";
-    }
-    write_file(path, stack);
-}
-
-// Shell text that waits until the run $pid's temporary output holds more than `bytes`.
-inline std::string wait_for_temp(const TempDir& dir, const std::string& out_name, uint64_t bytes) {
-    return "for i in $(seq 6000); do [ $(stat -c %s " + dir.path + "/." + out_name +
-           ".tevrin-$pid.tmp 2>/dev/null || echo 0) -gt " + std::to_string(bytes) +
-           " ] && break; sleep 0.01; done; ";
-}
-
 }  // namespace tevrin::testing
