@@ -255,12 +255,13 @@ TEST(ClampsOfT, ActAsTheEndOfTheRange) {
         {BlendMethod::dare, 5.0f, 0.99f},       {BlendMethod::della, nan, 0.0f},
         {BlendMethod::della, 7.0f, 0.95f},      {BlendMethod::chaos, nan, 0.01f},
         {BlendMethod::chaos, -1.0f, 0.01f},     {BlendMethod::chaos, 3.0f, 1.0f},
-        {BlendMethod::nearswap, nan, 0.0f},
+        {BlendMethod::nearswap, nan, 1e-9f},
     };
     for (const auto& c : cases) {
         const auto out = run(spec_of(c.kind, c.t, {1, 0.7f, 1.4f}), sources, 256);
         EXPECT_EQ(out, run(spec_of(c.kind, c.same_as, {1, 0.7f, 1.4f}), sources, 256))
             << method_word(c.kind) << " " << c.t;
+        EXPECT_EQ(method_t(spec_of(c.kind, c.same_as)), c.same_as);  // the end itself stays
         EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float x) { return std::isfinite(x); }));
     }
 }

@@ -43,6 +43,9 @@ TEST(Draws, MatchGoldenValues) {
     RowEngine high_engine(123);
     EXPECT_EQ(gamma_draw(high, high_engine), 0x1.4bb45p+2f);
     EXPECT_EQ(gamma_draw(high, high_engine), 0x1.4bf27ep+0f);
+    RowEngine one_engine(123);  // shape 1 is drawn as it is, without the boost
+    GammaDraw one = make_gamma_draw(1.0f);
+    EXPECT_EQ(gamma_draw(one, one_engine), 0x1.3b9ad8p+0f);
 }
 
 // Sample moments within 5 standard errors for the mean and 5% for the variance.

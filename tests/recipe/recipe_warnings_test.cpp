@@ -41,7 +41,7 @@ TEST(RecipeWarnings, EachMistakeWarnsAndItsCorrectionDoesNot) {
         {"seed 7x", "recipe line 1: '7x' is read as 7", "seed 7"},
         {"default pick 1x", "recipe line 1: '1x' is read as 1", "default pick 1"},
         {"stack 0:0-1x", "recipe line 1: '1x' is read as 1", "stack 0:0-1"},
-        {"layers 3-1 ties", "recipe line 1: layers 3-1 is empty", "layers 1-3 ties"},
+        {"layers 3-1 ties", "recipe line 1: layers 3-1 is empty", "layers 3-3 ties"},
         {"tensor blk.[0-2].* ties", "recipe line 1: '[' in 'blk.[0-2].*' is matched literally",
          "tensor blk.?.* ties"},
         {"tensor blk.{0,1}.* ties", "recipe line 1: '{' in", "tensor blk.*.* ties"},
