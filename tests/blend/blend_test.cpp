@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <numeric>
+#include <tuple>
 
 #include "blend/draws.h"
 #include "recipe/method_table.h"
@@ -158,22 +159,19 @@ TEST(TrimmingMethods, CutsMatchAReferenceSelection) {
 }
 
 TEST(Ties, ElectsASignAndAveragesTheAgreeingDonors) {
-    const struct {
-        Floats deltas;  // from the base 10
-        Floats weights;
-        float expected;
-    } cases[] = {
+    // Deltas from the base 10, weights, expected.
+    const std::tuple<Floats, Floats, float> cases[] = {
         {{2, -2}, {}, 8},                // sum exactly 0 elects negative
         {{1, -2}, {0, 2, 1}, 8},         // weighted sum 0, still negative
         {{1, 3, -2}, {0, 1, 3}, 12.5f},  // base + (1 + 9) / 4
         {{1, 3}, {0, -2, 1}, 10},        // agreeing weights sum below 0: the base
     };
-    for (const auto& c : cases) {
+    for (const auto& [deltas, weights, expected] : cases) {
         Rows sources = {{10}};
-        for (float d : c.deltas) {
+        for (float d : deltas) {
             sources.push_back({10 + d});
         }
-        EXPECT_EQ(run(spec_of(BlendMethod::ties, 1.0f, c.weights), sources)[0], c.expected);
+        EXPECT_EQ(run(spec_of(BlendMethod::ties, 1.0f, weights), sources)[0], expected);
     }
 }
 
@@ -226,17 +224,14 @@ TEST(Della, DropsByRankWithFallingProbability) {
     for (size_t e = 0; e < long_row.size(); e += 3) {
         long_row[e] = e % 2 == 0 ? 1.5f : -1.5f;  // equal magnitudes keep index order
     }
-    const struct {
-        Floats donor;
-        float t, spread;  // one element: p is the drop rate
-    } cases[] = {
+    // Donor, t, spread.
+    const std::tuple<Floats, float, float> cases[] = {
         {scrambled, 0.0f, 0.0f}, {scrambled, 0.5f, 0.15f}, {long_row, 0.5f, 0.15f},
         {long_row, 0.95f, 0.0f}, {{4}, 0.5f, 0.15f},
     };
-    for (const auto& c : cases) {
-        const auto out =
-            run(spec_of(BlendMethod::della, c.t), {Floats(c.donor.size()), c.donor}, 0, 21);
-        EXPECT_EQ(out, reference_della(c.donor, c.t, c.spread)) << c.t;
+    for (const auto& [donor, t, spread] : cases) {  // one element: p is the drop rate
+        const auto out = run(spec_of(BlendMethod::della, t), {Floats(donor.size()), donor}, 0, 21);
+        EXPECT_EQ(out, reference_della(donor, t, spread)) << t;
     }
 }
 
@@ -246,10 +241,8 @@ TEST(ClampsOfT, ActAsTheEndOfTheRange) {
     const Rows sources = {fixture_values(60, 40 * 256), fixture_values(61, 40 * 256),
                           fixture_values(62, 40 * 256)};
     const float nan = std::nanf("");
-    const struct {
-        BlendMethod kind;
-        float t, same_as;
-    } cases[] = {
+    // Method, t, and the t it acts as.
+    const std::tuple<BlendMethod, float, float> cases[] = {
         {BlendMethod::ties, nan, 0.01f},        {BlendMethod::ties, 0.001f, 0.01f},
         {BlendMethod::breadcrumbs, nan, 0.01f}, {BlendMethod::dare, nan, 0.0f},
         {BlendMethod::dare, 5.0f, 0.99f},       {BlendMethod::della, nan, 0.0f},
@@ -257,11 +250,11 @@ TEST(ClampsOfT, ActAsTheEndOfTheRange) {
         {BlendMethod::chaos, -1.0f, 0.01f},     {BlendMethod::chaos, 3.0f, 1.0f},
         {BlendMethod::nearswap, nan, 1e-9f},
     };
-    for (const auto& c : cases) {
-        const auto out = run(spec_of(c.kind, c.t, {1, 0.7f, 1.4f}), sources, 256);
-        EXPECT_EQ(out, run(spec_of(c.kind, c.same_as, {1, 0.7f, 1.4f}), sources, 256))
-            << method_word(c.kind) << " " << c.t;
-        EXPECT_EQ(method_t(spec_of(c.kind, c.same_as)), c.same_as);  // the end itself stays
+    for (const auto& [kind, t, same_as] : cases) {
+        const auto out = run(spec_of(kind, t, {1, 0.7f, 1.4f}), sources, 256);
+        EXPECT_EQ(out, run(spec_of(kind, same_as, {1, 0.7f, 1.4f}), sources, 256))
+            << method_word(kind) << " " << t;
+        EXPECT_EQ(method_t(spec_of(kind, same_as)), same_as);  // the end itself stays
         EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float x) { return std::isfinite(x); }));
     }
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <tuple>
 
 namespace tevrin {
 namespace {
@@ -52,27 +53,24 @@ TEST(Draws, MatchGoldenValues) {
 TEST(Draws, UniformNormalAndGammaHaveTheirMoments) {
     using Draw = float (*)(GammaDraw&, RowEngine&);
     const Draw uniform = [](GammaDraw&, RowEngine& e) { return uniform_draw(e); };
-    const struct {
-        Draw draw;
-        float alpha;
-        double mean, variance;
-    } cases[] = {{uniform, 1, 0.5, 1.0 / 12},
-                 {normal_draw, 1, 0, 1},
-                 {gamma_draw, 0.3f, 0.3, 0.3},
-                 {gamma_draw, 1, 1, 1},
-                 {gamma_draw, 8.22f, 8.22, 8.22}};
+    // Draw, shape, mean and variance.
+    const std::tuple<Draw, float, double, double> cases[] = {{uniform, 1, 0.5, 1.0 / 12},
+                                                             {normal_draw, 1, 0, 1},
+                                                             {gamma_draw, 0.3f, 0.3, 0.3},
+                                                             {gamma_draw, 1, 1, 1},
+                                                             {gamma_draw, 8.22f, 8.22, 8.22}};
     const int count = 400000;
-    for (const auto& c : cases) {
+    for (const auto& [draw, alpha, mean, variance] : cases) {
         RowEngine engine(1);
-        GammaDraw state = make_gamma_draw(c.alpha);
+        GammaDraw state = make_gamma_draw(alpha);
         double sum = 0.0, squares = 0.0;
         for (int i = 0; i < count; ++i) {
-            const double x = c.draw(state, engine);
+            const double x = draw(state, engine);
             sum += x, squares += x * x;
         }
-        const double mean = sum / count;
-        EXPECT_NEAR(mean, c.mean, 5.0 * std::sqrt(c.variance / count)) << c.alpha;
-        EXPECT_NEAR(squares / count - mean * mean, c.variance, 0.05 * c.variance) << c.alpha;
+        EXPECT_NEAR(sum / count, mean, 5.0 * std::sqrt(variance / count)) << alpha;
+        EXPECT_NEAR(squares / count - sum * sum / count / count, variance, 0.05 * variance)
+            << alpha;
     }
 }
 

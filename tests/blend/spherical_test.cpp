@@ -147,15 +147,14 @@ TEST(Nuslerp, SlerpsTheTaskVectorsByTheDonorWeights) {
     const Doubles base = wide(s[0]), d1 = mix(1, wide(s[1]), -1, base),
                   d2 = mix(1, wide(s[2]), -1, base);
     const double theta = std::acos(dot(d1, d2) / (length(d1) * length(d2)));
-    const struct {
-        Floats weights;
-        double t;  // w2 / (w1 + w2); a third donor is not read
-    } cases[] = {{{}, 0.5}, {{5, 1, 3}, 0.75}, {{0, 2}, 1.0 / 3}, {{0, 1, -1}, 0.5}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.t);
-        const double x = std::sin((1 - c.t) * theta) / std::sin(theta);
-        const double y = std::sin(c.t * theta) / std::sin(theta);
-        expect_close(run(spec_of(BlendMethod::nuslerp, 0, c.weights), s),
+    // Weights and t = w2 / (w1 + w2); a third donor is not read.
+    const std::pair<Floats, double> cases[] = {
+        {{}, 0.5}, {{5, 1, 3}, 0.75}, {{0, 2}, 1.0 / 3}, {{0, 1, -1}, 0.5}};
+    for (const auto& [weights, t] : cases) {
+        SCOPED_TRACE(t);
+        const double x = std::sin((1 - t) * theta) / std::sin(theta);
+        const double y = std::sin(t * theta) / std::sin(theta);
+        expect_close(run(spec_of(BlendMethod::nuslerp, 0, weights), s),
                      mix(1, base, 1, mix(x, d1, y, d2)));
     }
     EXPECT_EQ(run(spec_of(BlendMethod::nuslerp, 0), {s[0], s[1]}), s[1]);  // one donor
