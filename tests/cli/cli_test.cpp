@@ -1,4 +1,5 @@
-// The real executable as a user meets it: arguments, streams, statuses, files.
+// The real executable as a user meets it: arguments, streams, statuses, files,
+// shards.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include "model/inspect.h"
 #include "recipe/random_recipe.h"
 #include "tests/cli/cli_run.h"
+#include "tests/support/shard_writer.h"
 
 namespace tevrin::testing {
 namespace {
@@ -98,6 +100,34 @@ TEST_F(CliTest, RunPrintsBannerProgressAndSummary) {
                  "FAILED: recipe line 1: unknown method 'blend' in: default blend\n"
                  "tensors=0 params=0 fallback=0 layers=0 bytes=0 time=");
     EXPECT_EQ(read_file(out), "precious");
+}
+
+// A split run writes shards; a shard given as a source opens the whole model, and
+// --inspect of one shard reports that file alone.
+TEST_F(CliTest, SplitRunAndShardedSource) {
+    CommandResult r = fuse_cli("-e 'out f16' --split-max-tensors 4 -o " + out + " " + a);
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_PRED2(has, r.out, "OK: ok\ntensors=9 ");
+    EXPECT_FALSE(file_exists(out));
+    const std::string second = dir.file("out-00002-of-00003.gguf");
+    for (const std::string& shard :
+         {dir.file("out-00001-of-00003.gguf"), second, dir.file("out-00003-of-00003.gguf")}) {
+        EXPECT_TRUE(file_exists(shard)) << shard;
+    }
+    r = fuse_cli("--inspect " + second);
+    EXPECT_PRED2(has, r.out, "\"n_tensors\":4,");
+    EXPECT_PRED2(has, r.out, "\"arch\":\"unknown\"");
+    EXPECT_PRED2(has, r.out, "[\"split.no\",\"1\"],[\"split.count\",\"3\"]");
+
+    // A generated recipe reads the depth from the first shard's keys.
+    r = fuse_cli("--dry --random 5 " + second + " " + a);
+    EXPECT_EQ(r.out, random_recipe(2, 2, 5, "q8_0"));
+
+    // The second shard as a base: the whole model, and an unsplit output.
+    r = fuse_cli("-e 'out f16' --split-max-size 1G -o " + dir.file("again.gguf") + " " + second);
+    ASSERT_EQ(r.status, 0) << r.out;
+    expect_same_model(dir.file("again-00001-of-00001.gguf"), dir.file("out-00001-of-00003.gguf"),
+                      {"split.count", "split.no", "split.tensors.count", "tevrin.sources"});
 }
 
 TEST(Examples, EveryExampleRecipeRunsOnSampleModels) {

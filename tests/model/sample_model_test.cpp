@@ -48,27 +48,21 @@ TEST(SampleModel, TokenizerCoversTheVocabulary) {
 // Per shape: architecture, and tensors with their shapes ("-" for absent), in
 // a model of 2 layers (3 for deci), width 128 (2 heads), feed-forward 256, 300 tokens.
 TEST(SampleModel, ShapesHoldTheirTensors) {
-    const std::tuple<std::string, std::string, std::vector<std::pair<std::string, std::string>>>
-        cases[] = {
-            {"llama", "llama", {{"output.weight", "128x300"}, {"blk.1.attn_k.weight", "128x128"}}},
-            {"tied", "llama", {{"output.weight", "-"}, {"token_embd.weight", "128x300"}}},
-            {"qwen2", "qwen2", {{"blk.0.attn_q.bias", "128"}, {"blk.1.attn_v.bias", "128"}}},
-            {"moe",
-             "llama",
-             {{"blk.0.ffn_gate_inp.weight", "128x4"},
-              {"blk.1.ffn_up_exps.weight", "128x256x4"},
-              {"blk.1.ffn_down_exps.weight", "256x128x4"},
-              {"blk.0.ffn_up.weight", "-"}}},
-            // Odd layers with half the key/value heads.
-            {"deci",
-             "deci",
-             {{"blk.0.attn_k.weight", "128x128"}, {"blk.1.attn_v.weight", "128x64"}}},
-            {"phi3",
-             "phi3",
-             {{"blk.0.attn_qkv.weight", "128x384"},
-              {"blk.0.ffn_up.weight", "128x512"},
-              {"blk.0.ffn_gate.weight", "-"}}},
-        };
+    using Tensors = std::vector<std::pair<std::string, std::string>>;
+    // clang-format off
+    const std::tuple<std::string, std::string, Tensors> cases[] = {
+        {"llama", "llama", {{"output.weight", "128x300"}, {"blk.1.attn_k.weight", "128x128"}}},
+        {"tied", "llama", {{"output.weight", "-"}, {"token_embd.weight", "128x300"}}},
+        {"qwen2", "qwen2", {{"blk.0.attn_q.bias", "128"}, {"blk.1.attn_v.bias", "128"}}},
+        {"moe", "llama", {{"blk.0.ffn_gate_inp.weight", "128x4"}, {"blk.0.ffn_up.weight", "-"},
+                          {"blk.1.ffn_up_exps.weight", "128x256x4"},
+                          {"blk.1.ffn_down_exps.weight", "256x128x4"}}},
+        // Odd layers with half the key/value heads.
+        {"deci", "deci", {{"blk.0.attn_k.weight", "128x128"}, {"blk.1.attn_v.weight", "128x64"}}},
+        {"phi3", "phi3", {{"blk.0.attn_qkv.weight", "128x384"}, {"blk.0.ffn_up.weight", "128x512"},
+                          {"blk.0.ffn_gate.weight", "-"}}},
+    };
+    // clang-format on
     for (const auto& [shape, arch, tensors] : cases) {
         SCOPED_TRACE(shape);
         TempDir dir;
