@@ -82,7 +82,7 @@ TEST_F(CliTest, DryPrintsTheSettledRecipeExactly) {
 }
 
 TEST_F(CliTest, RunPrintsBannerProgressAndSummary) {
-    CommandResult r = fuse_cli("-e 'default linear' -o " + out + " " + a + " " + b);
+    CommandResult r = fuse_cli("--threads 0 -e 'default linear' -o " + out + " " + a + " " + b);
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(
         r.out.starts_with("---- recipe ----\ndefault linear\n----------------\n"

@@ -1,6 +1,6 @@
 // The output file as a user relies on it: replaced whole or not at all, through
 // interrupts, kills, bus errors, full disks, concurrent runs, FIFOs and symbolic
-// links; and the options that steer a run (--threads, --help, --version).
+// links; and --help and --version.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -133,17 +133,6 @@ TEST_F(SafeOutputTest, FifoOutputIsWrittenStraight) {
     EXPECT_EQ(r.status, 2);
     EXPECT_PRED2(has, r.out, "FAILED: write error (disk full?)\n");
     EXPECT_TRUE(file_exists(fifo));
-}
-
-TEST_F(SafeOutputTest, ThreadCountsGiveTheSameBytes) {
-    std::string first;
-    for (const std::string t : {"-t 1", "--threads 2", "-t 5", "-t 0"}) {
-        const CommandResult r = run_command(exe + " " + t + " -e 'out q4_k\ndefault dare 0.3' -o " +
-                                            out + " " + a + " " + a);
-        ASSERT_EQ(r.status, 0) << t;
-        first = first.empty() ? read_file(out) : first;
-        EXPECT_TRUE(read_file(out) == first) << t;
-    }
 }
 
 TEST_F(SafeOutputTest, HelpVersionAndNonFiniteWarnings) {
