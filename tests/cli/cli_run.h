@@ -1,5 +1,5 @@
 // Runs the built tool as a user would and reads what it printed; shared by the
-// command-line tests. Not thread-safe: each test runs its commands in turn.
+// command-line tests. Plain functions without state, safe from any thread.
 #pragma once
 
 #include <sstream>
