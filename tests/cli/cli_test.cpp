@@ -43,7 +43,8 @@ TEST(Cli, UsageFailures) {
         const std::string args = what.empty() ? option : option + " '" + value + "' -o x a";
         const CommandResult r = fuse_cli(args);
         EXPECT_EQ(r.status, 1) << args;
-        EXPECT_EQ(r.err, (what.empty() ? "" : "invalid " + what + " '" + value + "'\n") + kUsage);
+        EXPECT_EQ(r.err, (what.empty() ? "" : "invalid " + what + " '" + value + "'\n") + kUsage)
+            << args;
         EXPECT_EQ(r.out, "") << args;
     }
 }
@@ -72,7 +73,8 @@ TEST_F(CliTest, DryPrintsTheSettledRecipeExactly) {
         {"--random -1 -e mine " + a, "mine"},                   // negative: no generation
         {"-e mine --random 7 --type q4_k " + two, random_recipe(2, 2, 7, "q4_k")},
         {"--random 7 --type q4_k -e mine " + two, random_recipe(2, 2, 7, "q4_k")},
-        {"--random 5 " + dir.file("nope") + " " + a, random_recipe(2, 16, 5, "q8_0")},  // 16
+        // A first source without a report: 16 layers.
+        {"--random 5 " + dir.file("nope") + " " + a, random_recipe(2, 16, 5, "q8_0")},
     };
     for (const auto& [args, printed] : cases) {
         const CommandResult r = fuse_cli("--dry " + args);
