@@ -92,7 +92,7 @@ TEST_F(CliTest, RunPrintsBannerProgressAndSummary) {
         << r.out;
     EXPECT_PRED2(has, r.out, " layers=2 bytes=");
     EXPECT_PRED2(has, r.err, "\r100% Blending output.weight");
-    EXPECT_EQ(r.err.back(), '\n');
+    EXPECT_TRUE(r.err.ends_with("\n"));
 
     // A failure before the output is opened leaves an existing file alone.
     write_file(out, "precious");

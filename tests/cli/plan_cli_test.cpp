@@ -27,7 +27,7 @@ TEST_F(PlanCli, PrintsTheValuesEachTensorGetsAndWritesNothing) {
     EXPECT_PRED2(has, line_with(r.out, "blk.1.attn_q.weight"), "slerp 0.8 ");
     EXPECT_PRED2(has, line_with(r.out, "output.weight"), "pick 1");
     EXPECT_PRED2(has, line_with(r.out, "blk.1.attn_norm.weight"), "f32 (1-D)");
-    EXPECT_EQ(lines_of(r.out).back(), "OK: ok");
+    EXPECT_TRUE(r.out.ends_with("\nOK: ok\n")) << r.out;
 
     r = fuse_cli("--plan --json " + recipe + two);
     EXPECT_EQ(r.status, 0);
@@ -41,7 +41,7 @@ TEST_F(PlanCli, PrintsTheValuesEachTensorGetsAndWritesNothing) {
     // that the message is the run's own).
     r = fuse_cli("--plan -e 'default pick 4' " + two);
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(lines_of(r.out).back(), "FAILED: pick index out of range in: default pick 4");
+    EXPECT_TRUE(r.out.ends_with("FAILED: pick index out of range in: default pick 4\n")) << r.out;
 }
 
 TEST_F(PlanCli, RunWarnsOnStandardErrorOnly) {
