@@ -13,11 +13,12 @@
 // machine, the ratios much less. Run times are given as wall and CPU seconds;
 // on a shared machine only the CPU seconds are comparable.
 //
-//   bench_pipeline [--quick] [--dir PATH] [--runs N] [--runs-only]
+//   bench_pipeline [--quick] [--dir PATH] [--runs N] [--runs-only] [--fuse PATH]
 //   --quick      small models (a few MB), to check the program itself
 //   --dir        parent of the temp folder (default: the system temp folder)
 //   --runs N     whole runs per command (default 3)
 //   --runs-only  the whole runs alone, without the stage split and the memory
+//   --fuse PATH  the tool to run (default: this build's), to time another build
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +67,7 @@ struct Options {
     bool runs_only = false;
     int runs = 3;
     std::filesystem::path parent = std::filesystem::temp_directory_path();
+    std::string fuse = TEVRIN_FUSE_EXE;
 };
 
 Options parse_options(int argc, char** argv) {
@@ -80,9 +82,12 @@ Options parse_options(int argc, char** argv) {
             o.runs = std::atoi(argv[++i]);
         } else if (arg == "--runs-only") {
             o.runs_only = true;
+        } else if (arg == "--fuse" && i + 1 < argc) {
+            o.fuse = argv[++i];
         } else {
             throw std::invalid_argument(
-                "usage: bench_pipeline [--quick] [--dir PATH] [--runs N] [--runs-only]");
+                "usage: bench_pipeline [--quick] [--dir PATH] [--runs N] [--runs-only] [--fuse "
+                "PATH]");
         }
     }
     return o;
@@ -303,22 +308,27 @@ ChildRun run_once(const Command& c, const TempDir& dir, const std::string& out) 
     return run;
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n % 2 == 1 ? values[n / 2] : 0.5 * (values[n / 2 - 1] + values[n / 2]);
+// The median wall and CPU seconds of the runs, and their largest resident set.
+ChildRun median_run(const std::vector<ChildRun>& runs) {
+    std::vector<double> wall, cpu;
+    ChildRun m;
+    for (const ChildRun& run : runs) {
+        wall.push_back(run.seconds);
+        cpu.push_back(run.cpu_seconds);
+        m.max_rss_kib = std::max(m.max_rss_kib, run.max_rss_kib);
+    }
+    std::sort(wall.begin(), wall.end());
+    std::sort(cpu.begin(), cpu.end());
+    const size_t n = runs.size();  // 1 or more
+    m.seconds = 0.5 * (wall[(n - 1) / 2] + wall[n / 2]);
+    m.cpu_seconds = 0.5 * (cpu[(n - 1) / 2] + cpu[n / 2]);
+    return m;
 }
-
-struct Medians {
-    double wall = 0.0;
-    double cpu = 0.0;
-    long max_rss_kib = 0;
-};
 
 void run_end_to_end(const Options& o, const TempDir& dir, const std::string& a,
                     const std::string& b) {
     const std::string out = (dir.path / "out.gguf").string();
-    const std::string fuse = TEVRIN_FUSE_EXE;
+    const std::string& fuse = o.fuse;
     const std::vector<Command> commands = {
         {"cat a > copy", {"/bin/sh", "-c", "exec cat \"$0\" > \"$1\"", a, out}},
         {"fuse linear q8_0", {fuse, "-e", "out q8_0\ndefault linear", "-o", out, a, b}},
@@ -335,33 +345,28 @@ void run_end_to_end(const Options& o, const TempDir& dir, const std::string& a,
             runs[c].push_back(run_once(commands[c], dir, out));
         }
     }
-    std::vector<Medians> m(commands.size());
-    for (size_t c = 0; c < commands.size(); ++c) {
-        std::vector<double> wall, cpu;
-        for (const ChildRun& run : runs[c]) {
-            wall.push_back(run.seconds);
-            cpu.push_back(run.cpu_seconds);
-            m[c].max_rss_kib = std::max(m[c].max_rss_kib, run.max_rss_kib);
-        }
-        m[c] = {median(wall), median(cpu), m[c].max_rss_kib};
+    std::vector<ChildRun> m;
+    for (const auto& of_command : runs) {
+        m.push_back(median_run(of_command));
     }
     std::printf("\n[end to end] median of %d runs each, page cache warm\n", o.runs);
     std::printf("  %-20s %9s %9s %9s %11s\n", "command", "wall s", "cpu s", "wall/cat",
                 "maxrss MiB");
     for (size_t c = 0; c < commands.size(); ++c) {
-        std::printf("  %-20s %9.2f %9.2f %9.2f %11.1f\n", commands[c].label, m[c].wall, m[c].cpu,
-                    m[c].wall / m[0].wall, double(m[c].max_rss_kib) / 1024.0);
+        std::printf("  %-20s %9.2f %9.2f %9.2f %11.1f\n", commands[c].label, m[c].seconds,
+                    m[c].cpu_seconds, m[c].seconds / m[0].seconds,
+                    double(m[c].max_rss_kib) / 1024.0);
     }
-    std::printf("  linear of two / re-encoding one: wall %.3f, cpu %.3f\n", m[1].wall / m[3].wall,
-                m[1].cpu / m[3].cpu);
+    std::printf("  linear of two / re-encoding one: wall %.3f, cpu %.3f\n",
+                m[1].seconds / m[3].seconds, m[1].cpu_seconds / m[3].cpu_seconds);
 }
 
-void run_memory(const TempDir& dir, const std::string& a, const std::string& b) {
+void run_memory(const Options& o, const TempDir& dir, const std::string& a, const std::string& b) {
     const std::string out = (dir.path / "out.gguf").string();
     const auto log = (dir.path / "run.log").string();
     const auto err = (dir.path / "run.err").string();
-    const ChildRun run = run_child(
-        {TEVRIN_FUSE_EXE, "-e", "out q8_0\ndefault ties 0.5", "-o", out, a, b}, log, err, true);
+    const ChildRun run =
+        run_child({o.fuse, "-e", "out q8_0\ndefault ties 0.5", "-o", out, a, b}, log, err, true);
     if (run.status != 0) {
         throw std::runtime_error("fusion run failed: " + read_text(log));
     }
@@ -401,7 +406,7 @@ int run(const Options& o) {
     }
     run_end_to_end(o, dir, a, b);
     if (!o.runs_only) {
-        run_memory(dir, a, b);
+        run_memory(o, dir, a, b);
     }
     print_load("end");
     return 0;
