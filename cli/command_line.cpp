@@ -267,7 +267,8 @@ int run_command_line(int argc, char** argv) {
             random_recipe(int32_t(cl.sources.size()), layers, uint64_t(cl.seed), cl.out_type);
     }
     if (cl.plan) {
-        return print_plan_report(cl.sources, cl.recipe_text, cl.json, scan_warnings(cl));
+        return print_plan_report(cl.sources, cl.recipe_text, cl.json, scan_warnings(cl),
+                                 cl.threads);
     }
     if (cl.dry) {
         std::printf("%s", cl.recipe_text.c_str());

@@ -240,7 +240,7 @@ void print_summary_text(const RunPreview& p) {
                 (unsigned long long)p.output_bytes, (unsigned long long)p.header_bytes,
                 (unsigned long long)p.bytes_read);
     std::printf(
-        "peak memory: about %s = decoded chunks %s + blended chunk %s + encoded chunk %s + "
+        "peak memory: about %s = decoded blocks %s + blended blocks %s + encoded chunk %s + "
         "stream buffer %s + header %s + mapped source chunk %s\n",
         mib(m.total()).c_str(), mib(m.source_floats).c_str(), mib(m.blended).c_str(),
         mib(m.encoded).c_str(), mib(m.stream_buffer).c_str(), mib(m.header).c_str(),
@@ -274,8 +274,8 @@ std::vector<std::string> all_warnings(const RunPreview& preview,
 }  // namespace
 
 int print_plan_report(const std::vector<std::string>& sources, const std::string& recipe_text,
-                      bool json, const std::vector<std::string>& extra_warnings) {
-    const RunPreview preview = preview_run(sources, recipe_text);
+                      bool json, const std::vector<std::string>& extra_warnings, int threads) {
+    const RunPreview preview = preview_run(sources, recipe_text, threads);
     std::vector<TensorRow> rows;
     for (size_t i = 0; i < preview.tensors.size(); ++i) {
         rows.push_back(describe_tensor(preview, i));

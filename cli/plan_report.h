@@ -13,10 +13,11 @@ namespace tevrin {
 
 // Prints the report on standard output: a table by default, one JSON object per
 // line with `json`. `extra_warnings` (found before parsing, such as an unreadable
-// recipe file) come first among the warnings. Returns 0 when the run would
-// succeed, 2 when it would fail; the last line gives the run's own message.
+// recipe file) come first among the warnings. `threads` is the run's (0: every
+// core), for the memory estimate. Returns 0 when the run would succeed, 2 when
+// it would fail; the last line gives the run's own message.
 int print_plan_report(const std::vector<std::string>& sources, const std::string& recipe_text,
-                      bool json, const std::vector<std::string>& extra_warnings);
+                      bool json, const std::vector<std::string>& extra_warnings, int threads);
 
 // Prints "warning: <text>" lines on standard error for the warnings a run of
 // these sources and this recipe would meet; prints nothing else, whatever fails.

@@ -42,6 +42,8 @@ FastType fast_type(int32_t type) {
             return {encode_q8_0_avx2, 32};
         case GGML_TYPE_Q2_K:
             return {encode_q2_k_avx2, 256};
+        case GGML_TYPE_Q3_K:
+            return {encode_q3_k_avx2, 256};
         case GGML_TYPE_Q4_K:
             return {encode_q4_k_avx2, 256};
         case GGML_TYPE_Q5_K:

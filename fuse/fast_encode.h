@@ -1,5 +1,5 @@
-// Vector encoders for the types most fusions write: q8_0, q2_k, q4_k, q5_k and
-// q6_k.
+// Vector encoders for the types most fusions write: q8_0, q2_k, q3_k, q4_k,
+// q5_k and q6_k.
 //
 // Each gives exactly the bytes of ggml_quantize_chunk without an importance
 // matrix. A vector lane runs, for one block or sub-block, the same single

@@ -14,6 +14,7 @@ namespace tevrin {
 
 void encode_q8_0_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q2_k_avx2(const float* x, uint8_t* out, int64_t blocks);
+void encode_q3_k_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q4_k_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q5_k_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q6_k_avx2(const float* x, uint8_t* out, int64_t blocks);

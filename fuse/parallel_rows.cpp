@@ -12,8 +12,13 @@ namespace tevrin {
 
 void parallel_rows(int32_t workers, int64_t rows,
                    const std::function<void(int64_t, int64_t)>& body) {
+    parallel_worker_rows(workers, rows, [&body](int32_t, int64_t lo, int64_t hi) { body(lo, hi); });
+}
+
+void parallel_worker_rows(int32_t workers, int64_t rows,
+                          const std::function<void(int32_t, int64_t, int64_t)>& body) {
     if (workers <= 1) {
-        body(0, rows);
+        body(0, 0, rows);
         return;
     }
     const int64_t per = (rows + workers - 1) / workers;
@@ -30,7 +35,7 @@ void parallel_rows(int32_t workers, int64_t rows,
         try {
             threads.emplace_back([&body, &failures, t, lo, hi] {
                 try {
-                    body(lo, hi);
+                    body(t, lo, hi);
                 } catch (const std::bad_alloc&) {
                     failures[size_t(t)] = std::make_exception_ptr(
                         std::runtime_error("out of memory in a worker thread"));

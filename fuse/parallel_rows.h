@@ -18,6 +18,11 @@ namespace tevrin {
 void parallel_rows(int32_t workers, int64_t rows,
                    const std::function<void(int64_t, int64_t)>& body);
 
+// As parallel_rows, with the number of the worker (0 up to workers - 1, the
+// range's position) passed first, so that each can keep its own scratch.
+void parallel_worker_rows(int32_t workers, int64_t rows,
+                          const std::function<void(int32_t, int64_t, int64_t)>& body);
+
 // The hardware concurrency for `threads` of 0 or less (1 where it is unknown),
 // else `threads`.
 int resolve_threads(int threads);

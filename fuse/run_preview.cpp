@@ -10,6 +10,7 @@
 #include "fuse/encode_rows.h"
 #include "fuse/output_metadata.h"
 #include "fuse/output_stream.h"
+#include "fuse/parallel_rows.h"
 #include "fuse/plan_run.h"
 #include "fuse/plan_warnings.h"
 #include "fuse/tensor_records.h"
@@ -31,10 +32,10 @@ size_t source_row_bytes(const SourceList& sources, const TensorPlan& plan, int32
 }
 
 // What write_tensor reads and writes for one plan, span by span, with the checks
-// it makes before its first chunk, in its order; grows `sizes` to the chunk
-// buffers it would size. A donor aligned on a shared vocabulary is read for its
+// it makes before its first chunk, in its order; grows `sizes` to the buffers
+// it would size. A donor aligned on a shared vocabulary is read for its
 // span's rows only.
-TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
+TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan, int32_t threads,
                              BufferSizes& sizes) {
     TensorPreview preview;
     const int64_t row_len = plan.ne[0];
@@ -59,7 +60,9 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
         }
     }
     const int64_t per_chunk = chunk_rows(row_len, rows);
-    const uint64_t chunk_floats = uint64_t(per_chunk) * uint64_t(row_len) * sizeof(float);
+    const uint64_t block_floats =
+        uint64_t(chunk_workers(threads, per_chunk)) *
+        uint64_t(block_rows(row_len, range_rows(threads, per_chunk)) * row_len) * sizeof(float);
     for (const RowSpan& span : spans) {
         const int64_t span_rows = span.end - span.first;
         if (copies_unchanged(sources, plan, span.active)) {
@@ -71,11 +74,11 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan,
             const size_t src_row = source_row_bytes(sources, plan, s);
             preview.bytes_read += uint64_t(src_row) * uint64_t(span_rows);
             mapped += uint64_t(src_row) * uint64_t(std::min(per_chunk, span_rows));
-            sizes.source_floats[size_t(s)] = std::max(sizes.source_floats[size_t(s)], chunk_floats);
+            sizes.source_floats[size_t(s)] = std::max(sizes.source_floats[size_t(s)], block_floats);
         }
         sizes.mapped_chunk = std::max(sizes.mapped_chunk, mapped);
     }
-    sizes.blended = std::max(sizes.blended, chunk_floats);
+    sizes.blended = std::max(sizes.blended, block_floats);
     sizes.encoded = std::max(sizes.encoded, uint64_t(per_chunk) * row_bytes);
     return preview;
 }
@@ -84,13 +87,13 @@ uint64_t padded(uint64_t size, uint64_t alignment) {
     return (size + alignment - 1) / alignment * alignment;
 }
 
-void preview_tensors(RunPreview& preview, gguf_context* out) {
+void preview_tensors(RunPreview& preview, gguf_context* out, int32_t threads) {
     BufferSizes sizes;
     sizes.source_floats.assign(preview.sources.size(), 0);
     const uint64_t alignment = gguf_get_alignment(out);
     preview.output_bytes = preview.header_bytes;
     for (const TensorPlan& plan : preview.run.plans) {
-        preview.tensors.push_back(preview_tensor(preview.sources, plan, sizes));
+        preview.tensors.push_back(preview_tensor(preview.sources, plan, threads, sizes));
         preview.bytes_read += preview.tensors.back().bytes_read;
         preview.output_bytes += padded(preview.tensors.back().bytes_out, alignment);
     }
@@ -118,8 +121,8 @@ uint64_t MemoryEstimate::total() const {
     return source_floats + blended + encoded + stream_buffer + header + mapped_chunk;
 }
 
-RunPreview preview_run(const std::vector<std::string>& source_paths,
-                       const std::string& recipe_text) {
+RunPreview preview_run(const std::vector<std::string>& source_paths, const std::string& recipe_text,
+                       int threads) {
     RunPreview preview;
     try {
         silence_ggml_log();
@@ -143,7 +146,7 @@ RunPreview preview_run(const std::vector<std::string>& source_paths,
         preview.memory.stream_buffer = kStreamBufferBytes;
         preview.memory.header =
             preview.header_bytes + ggml_tensor_overhead() * preview.run.plans.size() + 1024;
-        preview_tensors(preview, out.get());
+        preview_tensors(preview, out.get(), resolve_threads(threads));
         preview.ok = true;
         preview.message = preview.run.notes.empty() ? "ok" : join_notes(preview.run.notes);
     } catch (const std::exception& e) {

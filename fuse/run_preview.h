@@ -27,11 +27,11 @@ struct TensorPreview {
     uint64_t bytes_out = 0;   // its data in the output, before the alignment fill
 };
 
-// The run's memory at its peak, by part. The run keeps its chunk buffers between
+// The run's memory at its peak, by part. The run keeps its buffers between
 // tensors, so each buffer stands at its largest size over all tensors.
 struct MemoryEstimate {
-    uint64_t source_floats = 0;  // per source, one chunk of decoded floats at its largest
-    uint64_t blended = 0;        // one chunk of blended floats
+    uint64_t source_floats = 0;  // per source, a block of decoded floats per worker thread
+    uint64_t blended = 0;        // a block of blended floats per worker thread
     uint64_t encoded = 0;        // one chunk of encoded output rows
     uint64_t stream_buffer = 0;  // the output stream's buffer
     uint64_t header = 0;         // the metadata block and the tensor records
@@ -56,7 +56,9 @@ struct RunPreview {
 };
 
 // Never throws a standard exception: a failure comes back in ok / message.
-RunPreview preview_run(const std::vector<std::string>& source_paths,
-                       const std::string& recipe_text);
+// `threads` is the run's, resolved as a run resolves it (0: every core); only the
+// memory estimate depends on it.
+RunPreview preview_run(const std::vector<std::string>& source_paths, const std::string& recipe_text,
+                       int threads = 0);
 
 }  // namespace tevrin

@@ -24,31 +24,6 @@ void check_cancel(const WriteContext& ctx) {
     }
 }
 
-// Decodes rows [start, start + n) of every active source into its buffer; returns
-// the source bytes read.
-uint64_t decode_chunk(const WriteContext& ctx, const TensorPlan& plan,
-                      const std::vector<int32_t>& active, int64_t start, int64_t n,
-                      std::vector<const float*>& decoded) {
-    const int64_t row_len = plan.ne[0];
-    const int32_t workers = int32_t(std::min<int64_t>(ctx.threads, n));
-    uint64_t read = 0;
-    decoded.clear();
-    for (const int32_t s : active) {
-        const SourceModel& src = *ctx.sources[size_t(s)];
-        const int64_t index = plan.source_tensors[size_t(s)];
-        std::vector<float>& dest = ctx.buffers.source_floats[size_t(s)];
-        parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
-            decode_source_rows(src, index, start + lo, hi - lo, row_len,
-                               dest.data() + lo * row_len);
-        });
-        const size_t row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), row_len);
-        release_pages(tensor_data(src, index) + size_t(start) * row_bytes, row_bytes * size_t(n));
-        read += row_bytes * uint64_t(n);
-        decoded.push_back(dest.data());
-    }
-    return read;
-}
-
 RowImportance importance_of(const TensorPlan& plan) {
     if (plan.importance == nullptr) {
         return {};
@@ -64,41 +39,89 @@ int64_t count_non_finite(const float* values, int64_t count) {
     return found;
 }
 
-// Returns how many of the blended values are not finite.
-int64_t blend_and_encode_chunk(const WriteContext& ctx, const TensorPlan& plan,
-                               const MethodSpec& spec, uint64_t seed, int64_t start, int64_t n,
-                               const std::vector<const float*>& decoded, size_t row_bytes) {
+// What the workers of one chunk share: rows [start, start + n) of a span.
+struct ChunkJob {
+    const WriteContext& ctx;
+    const TensorPlan& plan;
+    const ActiveSources& active;
+    uint64_t seed;
+    size_t row_bytes;
+    int64_t start;
+    int64_t n;
+};
+
+// Takes rows [lo, hi) of the chunk through decoding, blending and encoding, one
+// block at a time; returns how many of the encoded floats are not finite.
+int64_t blend_and_encode_rows(const ChunkJob& job, int32_t worker, int64_t lo, int64_t hi) {
+    const TensorPlan& plan = job.plan;
     const int64_t row_len = plan.ne[0];
-    RowBuffers& buf = ctx.buffers;
-    const int32_t workers = int32_t(std::min<int64_t>(ctx.threads, n));
-    std::atomic<int64_t> non_finite{0};
-    parallel_rows(workers, n, [&](int64_t lo, int64_t hi) {
-        std::vector<const float*> local;
-        local.reserve(decoded.size());
-        for (const float* p : decoded) {
-            local.push_back(p + lo * row_len);
+    const int64_t per_block = block_rows(row_len, range_rows(job.ctx.threads, job.n));
+    RowBuffers& buf = job.ctx.buffers;
+    const size_t block_at = size_t(worker) * size_t(per_block * row_len);
+    float* blended = buf.blended.data() + block_at;
+    const std::vector<int32_t>& active = job.active.sources;
+    std::vector<const float*> decoded(active.size());
+    int64_t non_finite = 0;
+    for (int64_t at = lo; at < hi; at += per_block) {
+        const int64_t rows = std::min(per_block, hi - at);
+        const int64_t row = job.start + at;
+        for (size_t k = 0; k < active.size(); ++k) {
+            const auto s = size_t(active[k]);
+            float* dest = buf.source_floats[s].data() + block_at;
+            decode_source_rows(*job.ctx.sources[s], plan.source_tensors[s], row, rows, row_len,
+                               dest);
+            decoded[k] = dest;
         }
-        float* blended = buf.blended.data() + lo * row_len;
-        blend_rows(spec, seed, start + lo, local, blended, hi - lo, row_len);
-        non_finite += count_non_finite(blended, (hi - lo) * row_len);
-        encode_rows(plan.out_type, blended, buf.encoded.data() + size_t(lo) * row_bytes, hi - lo,
-                    row_len, row_bytes, start + lo, importance_of(plan));
-    });
-    return non_finite.load();
+        const float* values = decoded[0];  // a single source is picked as it is
+        if (job.active.single < 0) {
+            blend_rows(job.active.spec, job.seed, row, decoded, blended, rows, row_len);
+            values = blended;
+        }
+        non_finite += count_non_finite(values, rows * row_len);
+        encode_rows(plan.out_type, values, buf.encoded.data() + size_t(at) * job.row_bytes, rows,
+                    row_len, job.row_bytes, row, importance_of(plan));
+    }
+    return non_finite;
 }
 
-void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& active, int64_t rows,
-                  int64_t row_len, size_t row_bytes) {
+// Encodes the chunk into the buffers' encoded rows on all threads, then releases
+// its source pages; returns the source bytes read and the non-finite count.
+TensorWrite blend_and_encode_chunk(const ChunkJob& job) {
+    const WriteContext& ctx = job.ctx;
+    std::atomic<int64_t> non_finite{0};
+    parallel_worker_rows(chunk_workers(ctx.threads, job.n), job.n,
+                         [&](int32_t worker, int64_t lo, int64_t hi) {
+                             non_finite += blend_and_encode_rows(job, worker, lo, hi);
+                         });
+    TensorWrite done{0, non_finite.load()};
+    for (const int32_t s : job.active.sources) {
+        const SourceModel& src = *ctx.sources[size_t(s)];
+        const int64_t index = job.plan.source_tensors[size_t(s)];
+        const size_t row_bytes = ggml_row_size(ggml_type(tensor_type(src, index)), job.plan.ne[0]);
+        release_pages(tensor_data(src, index) + size_t(job.start) * row_bytes,
+                      row_bytes * size_t(job.n));
+        done.read += row_bytes * uint64_t(job.n);
+    }
+    return done;
+}
+
+// Gives every worker of a chunk a block per decoded source and a blended block,
+// and the encoded rows room for a chunk.
+void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& decoded, int64_t row_len,
+                  int64_t rows, size_t row_bytes) {
     RowBuffers& buf = ctx.buffers;
+    const int64_t per_chunk = chunk_rows(row_len, rows);
+    const auto blocks = size_t(chunk_workers(ctx.threads, per_chunk)) *
+                        size_t(block_rows(row_len, range_rows(ctx.threads, per_chunk)) * row_len);
     buf.source_floats.resize(ctx.sources.size());
     for (auto& floats : buf.source_floats) {
         floats.clear();
     }
-    for (const int32_t s : active) {
-        buf.source_floats[size_t(s)].resize(size_t(rows * row_len));
+    for (const int32_t s : decoded) {
+        buf.source_floats[size_t(s)].resize(blocks);
     }
-    buf.blended.resize(size_t(rows * row_len));
-    buf.encoded.resize(size_t(rows) * row_bytes);
+    buf.blended.resize(blocks);
+    buf.encoded.resize(size_t(per_chunk) * row_bytes);
 }
 
 // Copies rows [first, first + n) of the source's tensor; the whole tensor when
@@ -126,6 +149,20 @@ uint64_t copy_rows(const WriteContext& ctx, const TensorPlan& plan, int32_t sour
 int64_t chunk_rows(int64_t row_len, int64_t rows) {
     return std::max<int64_t>(
         std::min<int64_t>(kChunkElements / std::max<int64_t>(row_len, 1), rows), 1);
+}
+
+int32_t chunk_workers(int32_t threads, int64_t chunk) {
+    return int32_t(std::max<int64_t>(std::min<int64_t>(threads, chunk), 1));
+}
+
+int64_t range_rows(int32_t threads, int64_t chunk) {
+    const int32_t workers = chunk_workers(threads, chunk);
+    return (chunk + workers - 1) / workers;
+}
+
+int64_t block_rows(int64_t row_len, int64_t rows) {
+    return std::max<int64_t>(
+        std::min<int64_t>(kBlockElements / std::max<int64_t>(row_len, 1), rows), 1);
 }
 
 bool copies_unchanged(const SourceList& sources, const TensorPlan& plan,
@@ -164,10 +201,9 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
     }
 
     const int64_t per_chunk = chunk_rows(row_len, rows);
-    size_buffers(ctx, decoded_sources, per_chunk, row_len, row_bytes);
+    size_buffers(ctx, decoded_sources, row_len, rows, row_bytes);
     const uint64_t seed = tensor_seed(ctx.seed, plan.name);
     const std::string label = "Blending " + plan.name;
-    std::vector<const float*> decoded;
     TensorWrite done;
     for (const RowSpan& span : spans) {
         if (copies_unchanged(ctx.sources, plan, span.active)) {
@@ -178,9 +214,10 @@ TensorWrite write_tensor(const WriteContext& ctx, const TensorPlan& plan, uint64
         for (int64_t start = span.first; start < span.end; start += per_chunk) {
             check_cancel(ctx);
             const int64_t n = std::min(per_chunk, span.end - start);
-            done.read += decode_chunk(ctx, plan, span.active.sources, start, n, decoded);
-            done.non_finite += blend_and_encode_chunk(ctx, plan, span.active.spec, seed, start, n,
-                                                      decoded, row_bytes);
+            const TensorWrite chunk =
+                blend_and_encode_chunk(ChunkJob{ctx, plan, span.active, seed, row_bytes, start, n});
+            done.read += chunk.read;
+            done.non_finite += chunk.non_finite;
             write_bytes(ctx.out, ctx.buffers.encoded.data(), size_t(n) * row_bytes);
             check_output(ctx.out);
             emit_progress(ctx.progress,

@@ -3,13 +3,15 @@
 // The rows go in spans of the same sources (row_spans: one span, unless a donor
 // is aligned on a shared vocabulary). A span that one source gives in the output
 // type is copied byte for byte. Any other is cut into chunks of at most kChunkElements elements
-// (one row if a row is longer); per chunk each active source is decoded to floats on all threads,
-// then rows are blended and encoded on the same threads, and the encoded chunk is written by the
-// calling thread. Output bytes depend only on the sources, the plan, the seed and each row's
-// number.
+// (one row if a row is longer), and each chunk into one range of rows per thread. A worker takes
+// its range in blocks of at most kBlockElements elements: it decodes the block of every active
+// source, blends it (a single source is taken as it is), counts the values that are not finite
+// and encodes it into the chunk's output rows, so the floats never leave its cache. The calling
+// thread then writes the encoded chunk and releases the chunk's source pages. Output bytes
+// depend only on the sources, the plan, the seed and each row's number, never on the cuts.
 //
-// Called on the driver's thread only; workers touch disjoint row ranges of the
-// buffers between parallel_rows calls.
+// Called on the driver's thread only; each worker touches its own blocks of the
+// buffers and its own rows of the encoded chunk.
 #pragma once
 
 #include <atomic>
@@ -23,17 +25,33 @@
 
 namespace tevrin {
 
-// Elements per row buffer of a chunk.
+// Elements per chunk: the rows decoded, blended and encoded between two writes.
 inline constexpr int64_t kChunkElements = 4194304;
+
+// Elements per block: the rows a worker takes through decoding, blending and
+// encoding at once, while they stay in its cache (64 KiB of floats per buffer).
+inline constexpr int64_t kBlockElements = 16384;
 
 // Rows per chunk of a tensor: as many as fit kChunkElements, at least one.
 int64_t chunk_rows(int64_t row_len, int64_t rows);
 
+// Workers of a chunk of `chunk` rows on `threads` threads: one per thread, at
+// most one per row.
+int32_t chunk_workers(int32_t threads, int64_t chunk);
+
+// Rows of each worker's range of a chunk (the last range may hold fewer).
+int64_t range_rows(int32_t threads, int64_t chunk);
+
+// Rows per block of a range of `rows` rows: as many as fit kBlockElements, at
+// least one.
+int64_t block_rows(int64_t row_len, int64_t rows);
+
 // Scratch of the pipeline; lives for a whole run so memory is kept between tensors.
+// Worker w's block starts at w times the block's elements.
 struct RowBuffers {
-    std::vector<std::vector<float>> source_floats;  // one list per source
-    std::vector<float> blended;
-    std::vector<uint8_t> encoded;
+    std::vector<std::vector<float>> source_floats;  // per source, a decoded block per worker
+    std::vector<float> blended;                     // a blended block per worker
+    std::vector<uint8_t> encoded;                   // the encoded rows of a chunk
 };
 
 // What write_tensor needs of the run; owned by the driver.

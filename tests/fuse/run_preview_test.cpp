@@ -164,7 +164,7 @@ TEST(RunPreview, FailsAtTheTensorTheRunFailsAt) {
 TEST(RunPreview, DropReasonsAndReadBytesAndBuffersMatchThePipeline) {
     Corpus c;
     const std::vector<std::string> paths = {c.a, c.d, c.e};
-    const RunPreview p = preview_run(paths, "default linear");
+    const RunPreview p = preview_run(paths, "default linear", 2);  // the write below's threads
     ASSERT_TRUE(p.ok) << p.message;
     const auto dropped = [&](const std::string& name) {
         for (const TensorPlan& plan : p.run.plans) {
