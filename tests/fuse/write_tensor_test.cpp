@@ -1,171 +1,97 @@
-// The row pipeline seen from the output file: copies, re-encodes, source
-// selection, weights that follow their sources, chunking and thread splits.
+// The row pipeline seen from the output file: copies, the sources and weights each
+// method gets when a donor lacks a tensor, chunking, and the rows a donor gives
+// when its vocabulary differs from the base's.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cmath>
 #include <cstring>
-#include <tuple>
 
-#include "blend/blend.h"
-#include "blend/draws.h"
 #include "fuse/f16_rows.h"
-#include "fuse/fuse.h"
-#include "fuse/parallel_rows.h"
-#include "fuse/write_tensor.h"
-#include "tests/support/gguf_builder.h"
+#include "fuse/run_preview.h"
+#include "recipe/parse_recipe.h"
+#include "tests/fuse/fuse_fixtures.h"
 
 namespace tevrin::testing {
 namespace {
 
-FuseResult run(const std::vector<std::string>& sources, const std::string& recipe,
-               const std::string& out, int threads = 2) {
-    return fuse(sources, recipe, out, threads, nullptr, {});
-}
-
-// Three F32 sources with one 2-D tensor "w"; source `missing` lacks it.
-struct ThreeSources {
-    TempDir dir;
-    std::vector<std::string> paths;
-    std::vector<std::vector<float>> values;
-    explicit ThreeSources(int missing = -1, int64_t row_len = 64, int64_t rows = 4) {
-        for (int s = 0; s < 3; ++s) {
-            FixtureModel m = fixture_model();
-            if (s != missing) {
-                add_tensor(m, "w", GGML_TYPE_F32, {row_len, rows, 1, 1}, 10 + s);
-            }
-            add_tensor(m, "n", GGML_TYPE_F32, {row_len, 1, 1, 1}, 20 + s);
-            values.push_back(fixture_values(10 + s, row_len * rows));
-            paths.push_back(dir.file("s" + std::to_string(s) + ".gguf"));
-            write_fixture(m, paths.back());
-        }
-    }
-    std::string out() const { return dir.file("out.gguf"); }
-};
-
-std::vector<float> reference(const MethodSpec& spec, const std::vector<const float*>& rows,
-                             const std::string& name, int64_t n_rows, int64_t row_len) {
-    std::vector<float> out(size_t(n_rows * row_len));
-    blend_rows(spec, tensor_seed(42, name), 0, rows, out.data(), n_rows, row_len);
-    return out;
-}
-
 TEST(WriteTensor, SingleSourceInTheOutputTypeIsCopiedBitExact) {
-    TempDir dir;
+    FuseDir d;
     FixtureModel m = fixture_model();
     add_tensor(m, "q", GGML_TYPE_Q4_K, {256, 3, 1, 1}, 5);
-    add_tensor(m, "h", GGML_TYPE_F16, {64, 2, 1, 1}, 6);
-    write_fixture(m, dir.file("a.gguf"));
-    FuseResult r = run({dir.file("a.gguf")}, "out keep\ndefault ties 0.3", dir.file("o.gguf"));
-    ASSERT_TRUE(r.ok) << r.message;
-    for (const char* name : {"q", "h"}) {
-        EXPECT_EQ(read_tensor_bytes(dir.file("o.gguf"), name),
-                  read_tensor_bytes(dir.file("a.gguf"), name));
-    }
-    // Another output type passes through decode and encode with the base alone.
-    r = run({dir.file("a.gguf")}, "out f32", dir.file("o.gguf"));
-    ASSERT_TRUE(r.ok) << r.message;
-    EXPECT_EQ(read_tensor_floats(dir.file("o.gguf"), "h"),
-              read_tensor_floats(dir.file("a.gguf"), "h"));
+    const std::string a = d.write("a.gguf", m);
+    ASSERT_TRUE(d.run({a}, "out keep\ndefault ties 0.3").ok);
+    EXPECT_EQ(read_tensor_bytes(d.out, "q"), read_tensor_bytes(a, "q"));
 }
 
-TEST(WriteTensor, PickFallsBackToTheBaseWhenItsSourceLacksTheTensor) {
-    ThreeSources three(2);
-    ASSERT_TRUE(run(three.paths, "out f32\ndefault pick 2", three.out()).ok);
-    EXPECT_EQ(read_tensor_floats(three.out(), "w"), three.values[0]);
-
-    ThreeSources gap(1);
-    ASSERT_TRUE(run(gap.paths, "out f32\ndefault pick 2", gap.out()).ok);
-    EXPECT_EQ(read_tensor_floats(gap.out(), "w"), gap.values[2]);
-}
-
+// Source 1 lacks output.weight: there the weights of sources 0 and 2 stay theirs,
+// a short list is filled (0 for linear, 1 for the task-vector methods), and the
+// tensors outside a stack blend like any other. On 8 threads, every method's rows
+// still match one single-threaded kernel call.
 TEST(WriteTensor, WeightsFollowTheirSourcesWhenOneDropsOut) {
-    ThreeSources three(1);
-    const FuseResult r = run(three.paths, "out f32\ndefault linear 0.5,0.25,0.25", three.out());
-    ASSERT_TRUE(r.ok) << r.message;
-    EXPECT_EQ(r.fallback, 1);
-    MethodSpec spec;
-    spec.weights = {0.5f, 0.25f};
-    const std::vector<const float*> base_and_2 = {three.values[0].data(), three.values[2].data()};
-    EXPECT_EQ(read_tensor_floats(three.out(), "w"), reference(spec, base_and_2, "w", 4, 64));
-    // slerp runs on the first two sources that have the tensor.
-    ASSERT_TRUE(run(three.paths, "out f32\ndefault slerp 0.3", three.out()).ok);
-    spec.method = BlendMethod::slerp;
-    spec.t = 0.3f;
-    EXPECT_EQ(read_tensor_floats(three.out(), "w"), reference(spec, base_and_2, "w", 4, 64));
-
-    // Sources behind a short list: 0.0 for linear, 1.0 for the task-vector methods.
-    ThreeSources all;
-    ASSERT_TRUE(run(all.paths, "out f32\ndefault ties 0.5 1,2", all.out()).ok);
-    spec.method = BlendMethod::ties;
-    spec.t = 0.5f;
-    spec.weights = {1.0f, 2.0f, 1.0f};
-    const std::vector<const float*> rows = {all.values[0].data(), all.values[1].data(),
-                                            all.values[2].data()};
-    EXPECT_EQ(read_tensor_floats(all.out(), "w"), reference(spec, rows, "w", 4, 64));
+    FuseDir d;
+    std::vector<std::string> paths;
+    for (uint64_t s = 0; s < 3; ++s) {
+        FixtureModel m = llama_fixture(2, 64, GGML_TYPE_F32, 30 + s);
+        if (s == 1) {
+            drop_tensor(m, "output.weight");
+        }
+        paths.push_back(d.write("s" + std::to_string(s) + ".gguf", m));
+    }
+    const struct {
+        std::string method;
+        std::vector<float> all, two;  // weights of every source, and of sources 0 and 2
+    } cases[] = {
+        {"linear 0.5,0.25,0.25", {0.5f, 0.25f, 0.25f}, {0.5f, 0.25f}},
+        {"linear 1,2", {1, 2, 0}, {1, 0}},
+        {"slerp 0.3", {}, {}},
+        {"ties 0.5 1,2", {1, 2, 1}, {1, 1}},
+        {"model_stock", {}, {}},
+        {"sce 0.3", {}, {}},
+        {"karcher 12 1,2,1", {1, 2, 1}, {1, 1}},
+        {"multislerp 1 0,1,3", {0, 1, 3}, {0, 3}},
+        {"nuslerp 0,1,3", {0, 1, 3}, {0, 3}},
+        {"breadcrumbs 0.8", {}, {}},
+        {"nearswap 0.01", {}, {}},
+    };
+    for (const auto& c : cases) {
+        for (const std::string stack : {"", "stack 0:0-1 2:1\n"}) {
+            SCOPED_TRACE(stack + c.method);
+            const FuseResult r = d.run(paths, "out f32\n" + stack + "default " + c.method, 8);
+            ASSERT_TRUE(r.ok) << r.message;
+            EXPECT_EQ(r.layers, stack.empty() ? 2 : 3);
+            EXPECT_EQ(r.fallback, 1);
+            MethodSpec spec = parse_recipe("default " + c.method, 3).default_spec;
+            spec.weights = c.all;
+            EXPECT_EQ(read_tensor_floats(d.out, "token_embd.weight"),
+                      blended_files(spec, paths, "token_embd.weight", 64));
+            spec.weights = c.two;
+            EXPECT_EQ(read_tensor_floats(d.out, "output.weight"),
+                      blended_files(spec, {paths[0], paths[2]}, "output.weight", 64));
+        }
+    }
+    // A pick takes its source's tensor whole, or the base's where its source lacks it.
+    for (const auto& [pick, output_from] : {std::pair{1, 0}, {2, 2}}) {
+        ASSERT_TRUE(d.run(paths, "out f32\ndefault pick " + std::to_string(pick)).ok);
+        EXPECT_EQ(read_tensor_floats(d.out, "token_embd.weight"),
+                  read_tensor_floats(paths[size_t(pick)], "token_embd.weight"));
+        EXPECT_EQ(read_tensor_floats(d.out, "output.weight"),
+                  read_tensor_floats(paths[size_t(output_from)], "output.weight"));
+    }
 }
 
 TEST(WriteTensor, ChunkedTensorsMatchOneWholeBlend) {
     // 3000-element rows give chunks of 1398 rows: boundaries that cut chaos blocks.
-    const int64_t row_len = 3000, rows = 1500;
-    ThreeSources three(-1, row_len, rows);
-    for (const std::string method : {"chaos 0.6", "dare 0.4", "della 0.3"}) {
-        SCOPED_TRACE(method);
-        ASSERT_TRUE(run(three.paths, "out f32\ndefault " + method, three.out(), 3).ok);
-        MethodSpec spec;
-        spec.method = method[0] == 'c'   ? BlendMethod::chaos
-                      : method[1] == 'a' ? BlendMethod::dare
-                                         : BlendMethod::della;
-        spec.t = std::stof(method.substr(method.find(' ') + 1));
-        const std::vector<const float*> srcs = {three.values[0].data(), three.values[1].data(),
-                                                three.values[2].data()};
-        EXPECT_TRUE(read_tensor_floats(three.out(), "w") ==
-                    reference(spec, srcs, "w", rows, row_len));
+    FuseDir d;
+    std::vector<std::string> paths;
+    for (int s = 0; s < 3; ++s) {
+        FixtureModel m = fixture_model();
+        add_tensor(m, "w", GGML_TYPE_F32, {3000, 1500, 1, 1}, 10 + s);
+        paths.push_back(d.write("s" + std::to_string(s) + ".gguf", m));
     }
-}
-
-TEST(WriteTensor, EmptyAndOneDimensionalTensors) {
-    TempDir dir;
-    FixtureModel m = fixture_model();
-    add_tensor(m, "empty", GGML_TYPE_F32, {0, 64, 1, 1});
-    add_tensor(m, "bias", GGML_TYPE_F16, {96, 1, 1, 1});
-    write_fixture(m, dir.file("a.gguf"));
-    const FuseResult r =
-        run({dir.file("a.gguf"), dir.file("a.gguf")}, "out q8_0", dir.file("o.gguf"));
-    ASSERT_TRUE(r.ok) << r.message;
-    GgufHandle g = read_gguf_header(dir.file("o.gguf").c_str());
-    ASSERT_TRUE(g);
-    EXPECT_EQ(gguf_get_tensor_type(g.get(), 1), GGML_TYPE_F32);  // 1-D tensors are always F32
-    EXPECT_EQ(r.bytes, read_file(dir.file("o.gguf")).size());
-}
-
-// Data that ggml cannot decode, or that would make its grid-searching quantizers
-// (iq3_xxs, iq3_s, iq2_s, iq1_m) abort, fails the run and leaves no file.
-TEST(WriteTensor, DataGgmlCannotHandleFailsTheRun) {
-    TempDir dir;
-    FixtureModel base = fixture_model();
-    add_tensor(base, "w", GGML_TYPE_IQ3_XXS, {256, 2, 1, 1});
-    add_tensor(base, "i", GGML_TYPE_I32, {8, 2, 1, 1}).raw.assign(64, 0);
-    write_fixture(base, dir.file("base.gguf"));
-    const std::string out = dir.file("out.gguf");
-    const struct {
-        float value;
-        std::string recipe, message;
-    } cases[] = {
-        {0.5f, "out keep", "ok"},  // i32 copied whole, iq3_xxs re-encoded
-        {1e13f, "out keep", "cannot quantize to type iq3_xxs: value out of range"},
-        {NAN, "out keep", "cannot quantize to type iq3_xxs: value out of range"},
-        {0.5f, "out f16", "cannot dequantize type i32"},
-    };
-    for (const auto& c : cases) {
-        FixtureModel donor = fixture_model();
-        add_tensor(donor, "w", GGML_TYPE_F32, {256, 2, 1, 1}).values.assign(512, c.value);
-        write_fixture(donor, dir.file("donor.gguf"));
-        const FuseResult r = run({dir.file("base.gguf"), dir.file("donor.gguf")}, c.recipe, out);
-        EXPECT_EQ(r.message, c.message) << c.value;
-        EXPECT_EQ(file_exists(out), r.ok);
-        std::remove(out.c_str());
+    for (const std::string method : {"chaos 0.6", "dare 0.4", "della 0.3"}) {
+        ASSERT_TRUE(d.run(paths, "out f32\ndefault " + method, 3).ok) << method;
+        const MethodSpec spec = parse_recipe("default " + method, 3).default_spec;
+        EXPECT_TRUE(read_tensor_floats(d.out, "w") == blended_files(spec, paths, "w", 3000))
+            << method;
     }
 }
 
@@ -181,23 +107,109 @@ TEST(F16Rows, EveryHalfConvertsExactlyAsGgmlDoes) {
     EXPECT_EQ(std::memcmp(fast.data(), reference.data(), fast.size() * sizeof(float)), 0);
 }
 
-TEST(ParallelRows, SplitsIntoEqualContiguousRangesAndJoinsFailures) {
-    std::vector<std::pair<int64_t, int64_t>> seen(8);
-    std::atomic<int> calls{0};
-    parallel_rows(8, 10, [&](int64_t lo, int64_t hi) {
-        seen[size_t(lo / 2)] = {lo, hi};
-        ++calls;
-    });
-    EXPECT_EQ(calls.load(), 5);  // 10 rows on 8 workers: 5 ranges of 2 rows
-    for (int64_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(seen[size_t(i)], std::make_pair(2 * i, 2 * i + 2));
+// Shared vocabulary rows: donors whose vocabulary grew or shrank by a few tokens
+// against the base's, with tokenizers that agree or disagree, the rows that reach
+// the output against a reference worked out row by row, and the source bytes the
+// plan preview counts for them.
+constexpr int64_t kWidth = 8;
+const char* const kVocabTensors[] = {"token_embd.weight", "output.weight"};
+
+struct Donor {
+    int64_t vocab;
+    int64_t shared;     // rows it is expected to give; 0: it drops out
+    int64_t odd = -1;   // token spelled otherwise, -1 none
+    int64_t rows = -1;  // rows of its vocabulary tensors; -1: the vocabulary
+};
+
+// The base's 10 rows of `name`, each blended by `spec` (weights taken by position)
+// from the sources that reach it, with the row's own number as the kernel sees it.
+std::vector<float> expected_rows(const std::vector<Donor>& sources,
+                                 const std::vector<std::string>& paths, const MethodSpec& spec,
+                                 const std::string& name) {
+    std::vector<std::vector<float>> values;
+    for (const auto& path : paths) {
+        values.push_back(read_tensor_floats(path, name));
     }
-    EXPECT_THROW(parallel_rows(4, 100,
-                               [](int64_t lo, int64_t) {
-                                   if (lo > 0)
-                                       throw std::runtime_error("worker failed");
-                               }),
-                 std::runtime_error);
+    std::vector<float> out;
+    for (int64_t r = 0; r < 10; ++r) {
+        std::vector<const float*> rows;
+        MethodSpec local = spec;
+        local.weights.clear();
+        for (size_t s = 0; s < sources.size(); ++s) {
+            if (r < sources[s].shared) {
+                rows.push_back(values[s].data() + r * kWidth);
+                if (!spec.weights.empty()) {
+                    local.weights.push_back(spec.weights[s]);
+                }
+            }
+        }
+        const auto row = rows.size() == 1 ? std::vector<float>(rows[0], rows[0] + kWidth)
+                                          : blended(local, name, rows, kWidth, 1, r);
+        out.insert(out.end(), row.begin(), row.end());
+    }
+    return out;
+}
+
+TEST(VocabAlign, DonorsGiveTheRowsBothTokenizersShare) {
+    const std::string note1 = "source 1 vocabulary aligned on ", of10 = " shared rows of 10";
+    const std::string both = note1 + "10" + of10 + "; source 2 vocabulary aligned on 7" + of10;
+    const struct {
+        std::vector<Donor> donors;
+        std::string method, message;
+    } cases[] = {
+        {{{12, 10}}, "linear", note1 + "10" + of10},      // the donor grew
+        {{{7, 7}}, "linear", note1 + "7" + of10},         // the base grew
+        {{{12, 0, 4}}, "linear", "ok"},                   // the tokens disagree
+        {{{12, 0, 9}}, "linear", "ok"},                   // ... at the last shared row
+        {{{12, 10, 11}}, "linear", note1 + "10" + of10},  // ... past the shared rows
+        {{{10, 10, 4}}, "linear", "ok"},      // same size, other strings: blended as ever
+        {{{12, 0, -1, 13}}, "linear", "ok"},  // rows padded past the vocabulary
+        // Rows 0-6 blend three sources, rows 7-9 two; weights and draws follow each row.
+        {{{12, 10}, {7, 7}}, "linear 1,2,3", both},
+        {{{12, 10}, {7, 7}}, "dare 0.5 1,1,1", both},
+        {{{12, 10}, {7, 7}}, "slerp 0.3", both},
+        {{{12, 10}, {7, 7}}, "median", both},
+        // A pick copies the donor's shared rows, then the base's, whether the donor
+        // has fewer rows or more; the shared tensors of a stacked run likewise.
+        {{{7, 7}}, "pick 1", note1 + "7" + of10},
+        {{{12, 10}}, "pick 1", note1 + "10" + of10},
+        {{{7, 7}}, "pick 1\nstack 1:0 0:0", note1 + "7" + of10},
+        {{{12, 10}}, "pick 1\nstack 1:0 0:0", note1 + "10" + of10},
+    };
+    for (const auto& c : cases) {
+        std::vector<Donor> sources = {{10, 10}};
+        sources.insert(sources.end(), c.donors.begin(), c.donors.end());
+        SCOPED_TRACE(c.method + " with donor " + std::to_string(c.donors[0].vocab));
+        FuseDir d;
+        std::vector<std::string> paths;
+        bool drops = false;
+        int64_t given = 0;  // rows read: each once from every source that gives it
+        for (size_t s = 0; s < sources.size(); ++s) {
+            FixtureModel m = llama_fixture(1, kWidth, GGML_TYPE_F32, s + 1);
+            set_words(m, kTokens, sources[s].vocab, "t", sources[s].odd);
+            for (const char* name : kVocabTensors) {
+                tensor_named(m, name).ne[1] =
+                    sources[s].rows < 0 ? sources[s].vocab : sources[s].rows;
+            }
+            paths.push_back(d.write("s" + std::to_string(s) + ".gguf", m));
+            drops = drops || sources[s].shared == 0;
+            given += sources[s].shared;
+        }
+        const std::string recipe = "out f32\ndefault " + c.method;
+        const FuseResult r = d.run(paths, recipe);
+        ASSERT_TRUE(r.ok) << r.message;
+        EXPECT_EQ(r.message, c.message);
+        EXPECT_EQ(r.fallback, drops ? 2 : 0);
+        const RunPreview p = preview_run(paths, recipe);  // a pick reads only what it takes
+        ASSERT_EQ(p.run.plans[0].name, kVocabTensors[0]);
+        EXPECT_EQ(p.tensors[0].bytes_read,
+                  uint64_t(c.method.rfind("pick", 0) == 0 ? 10 : given) * kWidth * sizeof(float));
+        const MethodSpec spec = parse_recipe(recipe, int32_t(paths.size())).default_spec;
+        for (const char* name : kVocabTensors) {
+            EXPECT_EQ(read_tensor_floats(d.out, name), expected_rows(sources, paths, spec, name))
+                << name;
+        }
+    }
 }
 
 }  // namespace
