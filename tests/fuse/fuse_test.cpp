@@ -1,207 +1,203 @@
-// Whole runs through fuse(): stage order, counters, notes, failures and files.
+// Whole runs through fuse(): the result and the file, notes, stacked layers, every
+// failure (which leaves the folder as it was) and cancelling. That the bytes do not
+// depend on the thread count follows from the runs that match a single-call kernel
+// (write_tensor_test, run_preview_test).
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <map>
 #include <stdexcept>
 
-#include "fuse/fuse.h"
-#include "tests/support/gguf_builder.h"
+#include "model/shard_names.h"
+#include "tests/fuse/fuse_fixtures.h"
+#include "tests/support/imatrix_files.h"
+#include "tests/support/shard_writer.h"
 
 namespace tevrin::testing {
 namespace {
 
-struct FuseTest : ::testing::Test {
-    TempDir dir;
-    std::string out = dir.file("out.gguf");
-
-    std::string model(const std::string& name, int32_t layers, uint64_t seed,
-                      const std::string& arch = "llama", ggml_type type = GGML_TYPE_F16,
-                      int64_t width = 64) {
-        const std::string path = dir.file(name);
-        write_fixture(llama_fixture(layers, width, type, seed, arch), path);
-        return path;
+struct FuseTest : ::testing::Test, Corpus {
+    // Every file in the folder with its bytes.
+    std::map<std::string, std::string> files() const {
+        std::map<std::string, std::string> all;
+        for (const auto& entry : std::filesystem::directory_iterator(dir.path)) {
+            all[entry.path().filename().string()] = read_file(entry.path().string());
+        }
+        return all;
     }
 };
 
-FuseResult run(const std::vector<std::string>& sources, const std::string& recipe,
-               const std::string& out, int threads = 2, const ProgressFn& progress = {},
-               const std::atomic<bool>* cancel = nullptr) {
-    return fuse(sources, recipe, out, threads, cancel, progress);
-}
-
-TEST_F(FuseTest, SourceCountIsCheckedBeforeAnything) {
-    int events = 0;
-    const ProgressFn count = [&](const FuseProgress&) { ++events; };
-    EXPECT_EQ(run({}, "", out, 1, count).message, "add at least one source model");
-    const FuseResult r = run(std::vector<std::string>(9, "x"), "", out, 1, count);
-    EXPECT_EQ(r.message, "at most 8 source models");
-    EXPECT_EQ(events, 0);
-    EXPECT_EQ(r.tensors + r.params + r.fallback + r.layers, 0);
-    EXPECT_FALSE(file_exists(out));
-    EXPECT_TRUE(run(std::vector<std::string>(8, model("a.gguf", 1, 1)), "", out).ok);
-}
-
 TEST_F(FuseTest, SuccessfulRunFillsTheResultAndAValidFile) {
-    const std::string a = model("a.gguf", 3, 1), b = model("b.gguf", 3, 2);
     std::vector<FuseProgress> events;
     const FuseResult r =
-        run({a, b}, "out q8_0\n", out, 2, [&](const FuseProgress& p) { events.push_back(p); });
+        run({a, b}, "out q8_0\n", 2, {}, [&](const FuseProgress& p) { events.push_back(p); });
     ASSERT_TRUE(r.ok) << r.message;
     EXPECT_EQ(r.message, "ok");
     EXPECT_EQ(r.output_path, out);
-    EXPECT_EQ(r.tensors, 12);
-    EXPECT_EQ(r.layers, 3);
+    EXPECT_EQ(r.tensors, 9);
+    EXPECT_EQ(r.layers, 2);
     EXPECT_EQ(r.fallback, 0);
-    struct stat st;
-    ASSERT_EQ(stat(out.c_str(), &st), 0);
-    EXPECT_EQ(r.bytes, uint64_t(st.st_size));
-
-    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(r.bytes, std::filesystem::file_size(out));
     EXPECT_EQ(events.front().label, "Uncorking sources");
     EXPECT_EQ(events.back().label, "Corked");
     EXPECT_EQ(events.back().fraction, 1.0f);
     for (size_t i = 1; i < events.size(); ++i) {
         EXPECT_GE(events[i].fraction, events[i - 1].fraction);
     }
-
-    // A loader's eye: every tensor lies aligned inside the file, in plan order.
-    GgufHandle g = read_gguf_header(out.c_str());
+    // ggml's own loader reads it whole: every tensor in its aligned place in the file.
+    ggml_context* data = nullptr;
+    GgufHandle g(gguf_init_from_file(out.c_str(), {false, &data}));
+    GgmlHandle owner(data);
     ASSERT_TRUE(g);
-    ASSERT_EQ(gguf_get_n_tensors(g.get()), 12);
     EXPECT_STREQ(gguf_get_tensor_name(g.get(), 0), "token_embd.weight");
-    const size_t align = gguf_get_alignment(g.get());
-    for (int64_t i = 0; i < 12; ++i) {
-        const size_t off = gguf_get_data_offset(g.get()) + gguf_get_tensor_offset(g.get(), i);
-        EXPECT_EQ(off % align, 0u);
-        EXPECT_LE(off + gguf_get_tensor_size(g.get(), i), size_t(st.st_size));
-    }
 }
 
 TEST_F(FuseTest, NotesAreSortedAndDeduplicated) {
-    const std::string base = model("base.gguf", 4, 1);
-    const std::string deep = model("deep.gguf", 6, 2);
-    const std::string other = model("other.gguf", 4, 3, "qwen2");
-    const std::string other_deep = model("other-deep.gguf", 6, 4, "qwen2");
-    FuseResult r = run({base, other, deep, other_deep}, "", out);
-    ASSERT_TRUE(r.ok) << r.message;
+    const std::string q = llama("q.gguf", 2, 6, GGML_TYPE_F16, 64, "qwen2");
+    const std::string q3 = llama("q3.gguf", 3, 7, GGML_TYPE_F16, 64, "qwen2");
+    FuseResult r = run({a, q, c, q3}, "");
     EXPECT_EQ(r.message,
-              "depth-aligned 6 layers onto 4; "
+              "depth-aligned 3 layers onto 2; "
               "mixed families (llama + qwen2): mismatched tensors keep the base");
-    // A stacked run gets no depth notes.
-    r = run({base, deep}, "stack 0:0-1 1:4-5", out);
-    ASSERT_TRUE(r.ok) << r.message;
+    r = run({a, c}, "stack 0:0-1 1:1-2");  // a stacked run gets no depth notes
     EXPECT_EQ(r.message, "ok");
     EXPECT_EQ(r.layers, 4);
 }
 
 TEST_F(FuseTest, StackedOutputTakesWholeLayersFromTheirSources) {
-    const std::string base = model("base.gguf", 2, 1), deep = model("deep.gguf", 4, 2);
-    const FuseResult r = run({base, deep}, "out keep\nstack 1:3 0:1 1:0 0:1", out);
-    ASSERT_TRUE(r.ok) << r.message;
-    EXPECT_EQ(r.layers, 4);
+    ASSERT_TRUE(run({a, c}, "out keep\nstack 1:2 0:1 1:0 0:1").ok);
     GgufHandle g = read_gguf_header(out.c_str());
-    ASSERT_TRUE(g);
     EXPECT_EQ(gguf_get_val_u32(g.get(), gguf_find_key(g.get(), "llama.block_count")), 4u);
     // Shared tensors first, then each output layer in the base's tensor order.
     EXPECT_STREQ(gguf_get_tensor_name(g.get(), 2), "output.weight");
     EXPECT_STREQ(gguf_get_tensor_name(g.get(), 3), "blk.0.attn_norm.weight");
-    const struct {
-        int out_layer;
-        std::string source;
-        int layer;
-    } expected[] = {{0, deep, 3}, {1, base, 1}, {2, deep, 0}, {3, base, 1}};
-    for (const auto& e : expected) {
-        for (const std::string suffix : {"attn_norm.weight", "attn_q.weight", "ffn_up.weight"}) {
-            const std::string name = "blk." + std::to_string(e.out_layer) + "." + suffix;
-            EXPECT_EQ(read_tensor_bytes(out, name),
-                      read_tensor_bytes(e.source, "blk." + std::to_string(e.layer) + "." + suffix))
-                << name;
+    const std::pair<std::string, int> from[] = {{c, 2}, {a, 1}, {c, 0}, {a, 1}};
+    for (int layer = 0; layer < 4; ++layer) {
+        for (const std::string suffix : {".attn_norm.weight", ".attn_q.weight", ".ffn_up.weight"}) {
+            const auto& [source, source_layer] = from[layer];
+            EXPECT_EQ(read_tensor_bytes(out, "blk." + std::to_string(layer) + suffix),
+                      read_tensor_bytes(source, "blk." + std::to_string(source_layer) + suffix))
+                << layer << suffix;
         }
     }
 }
 
-TEST_F(FuseTest, FailuresBeforeTheOutputLeaveAnExistingFileAlone) {
-    const std::string a = model("a.gguf", 2, 1);
-    for (const std::string recipe : {"default pick 3", "stack 0:0-5", "bogus"}) {
-        write_file(out, "precious");
-        const FuseResult r = run({a}, recipe, out);
-        EXPECT_FALSE(r.ok);
-        EXPECT_EQ(read_file(out), "precious") << recipe;
+// Whatever fails, and at whatever stage, the folder holds what it held before: the
+// old output, the sources, no temporary file, no shard.
+TEST_F(FuseTest, FailuresLeaveTheFolderAsItWas) {
+    const std::string w = llama("w.gguf", 1, 1, GGML_TYPE_F32, 256);
+    std::vector<MatrixEntry> entries;  // all but blk.0.ffn_up; then one of the wrong length
+    for (const std::string name : {"token_embd.weight", "blk.0.attn_q.weight", "output.weight"}) {
+        entries.push_back({name, std::vector<float>(256, 1.0f), {1}});
     }
-    EXPECT_EQ(run({a}, "stack 0:0-5", out).message, "stack layer 2 out of range for source 0");
-}
-
-TEST_F(FuseTest, OutputNamingASourceIsRefused) {
-    const std::string a = model("a.gguf", 2, 1);
-    const std::string before = read_file(a);
+    const std::string m = dir.file("m.gguf"), short_dat = dir.file("short.dat");
+    write_matrix_gguf(m, entries);
+    entries.push_back({"blk.0.ffn_up.weight", std::vector<float>(255, 1.0f), {1}});
+    write_matrix_binary(short_dat, entries);
+    // Data ggml cannot decode (i32), or that would make its grid-searching quantizers abort.
+    FixtureModel grid = fixture_model();
+    add_tensor(grid, "w", GGML_TYPE_IQ3_XXS, {256, 2, 1, 1});
+    add_tensor(grid, "i", GGML_TYPE_I32, {8, 2, 1, 1}).raw.assign(64, 0);
+    const std::string iq = write("iq.gguf", grid);
+    FixtureModel nothing = fixture_model();
+    add_tensor(nothing, "empty", GGML_TYPE_F32, {0, 64, 1, 1});
+    const std::string empty = write("empty.gguf", nothing);
+    std::vector<std::string> donors;  // of 0.5, 1e13 and NaN
+    for (const float value : {0.5f, 1e13f, NAN}) {
+        FixtureModel donor = fixture_model();
+        add_tensor(donor, "w", GGML_TYPE_F32, {256, 2, 1, 1}).values.assign(512, value);
+        donors.push_back(write("donor" + std::to_string(donors.size()) + ".gguf", donor));
+    }
     ASSERT_EQ(link(a.c_str(), dir.file("hard.gguf").c_str()), 0);
-    for (const std::string& path : {a, dir.path + "/./a.gguf", dir.file("hard.gguf")}) {
-        const FuseResult r = run({a}, "", path);
-        EXPECT_FALSE(r.ok);
-        EXPECT_EQ(r.message, "output would overwrite source " + a);
-        EXPECT_EQ(read_file(a), before);
+    const auto shards = write_shards(a, dir.file("a"), ShardCut{5});
+    const std::string overwrite = "output would overwrite source ", range = "value out of range";
+    const std::string needs = " needs an importance matrix (--imatrix)", none = dir.file("none");
+    const std::string no_fit = "blk.1.attn_q.weight (rows of 64)";
+    const std::string no_entry =
+        "tensor blk.0.ffn_up.weight has no importance matrix entry, which type iq2_xxs needs";
+    const std::string too_short =
+        "importance matrix entry blk.0.ffn_up.weight holds 255 values, "
+        "tensor blk.0.ffn_up.weight needs 256";
+    const struct {
+        std::vector<std::string> sources;
+        std::string recipe, message, matrix = "", output = "";
+        SplitLimits split = {};
+    } cases[] = {
+        {{}, "", "add at least one source model"},
+        {std::vector<std::string>(9, a), "", "at most 8 source models"},
+        {std::vector<std::string>(8, a), "", "ok"},
+        {{a}, "default pick 3", "pick index out of range in: default pick 3"},
+        {{a}, "bogus", "recipe line 1: unknown directive 'bogus'"},
+        {{a}, "stack 0:0-5", "stack layer 2 out of range for source 0"},
+        {{a}, "type blk.1.* q4_k", "type q4_K does not fit tensor " + no_fit},
+        {{a}, "out iq2_xs", "ok"},  // rows of 64 fall back to f16, which needs no matrix
+        {{w}, "out iq2_xs", "type iq2_xs" + needs},
+        {{w}, "type *ffn* iq1_m", "type iq1_m" + needs},
+        {{w}, "out q2_k_s", "type q2_K" + needs},
+        {{w}, "out iq2_xxs", no_entry, m},
+        {{w}, "out iq2_xxs\ntype blk.0.ffn_up.weight q8_0", "ok", m},
+        {{w}, "out q4_k", too_short, short_dat},
+        {{w}, "out q4_k", "cannot read importance matrix " + none, none},
+        {{iq, donors[0]}, "out keep", "ok"},  // i32 copied whole, iq3_xxs re-encoded
+        {{iq, donors[1]}, "out keep", "cannot quantize to type iq3_xxs: " + range},
+        {{iq, donors[2]}, "out keep", "cannot quantize to type iq3_xxs: " + range},
+        {{iq, donors[0]}, "out f16", "cannot dequantize type i32"},
+        {{empty, empty}, "out q8_0", "ok"},  // no element: no row reaches ggml
+        {{a}, "", overwrite + a, "", a},
+        {{a}, "", overwrite + a, "", dir.path + "/./a.gguf"},
+        {{a}, "", overwrite + a, "", dir.file("hard.gguf")},
+        {{shards[0]}, "", overwrite + shards[1], "", shards[1]},
+        {{shards[0]}, "", overwrite + shards[0], "", a, {0, 5}},  // a's shards' names
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.recipe + " -> " + c.message);
+        write_file(out, "precious");
+        const auto before = files();
+        const std::string output = c.output.empty() ? out : c.output;
+        const FuseResult r =
+            fuse(c.sources, c.recipe, output, 2, nullptr, {}, FuseOptions{c.matrix, c.split});
+        EXPECT_EQ(r.message, c.message);
+        if (!r.ok) {
+            EXPECT_EQ(r.bytes + r.layers, 0u);
+            EXPECT_EQ(files(), before);
+        }
     }
 }
 
-TEST_F(FuseTest, CancelStopsAtATensorBoundaryAndRemovesTheFile) {
-    // F16 tensors into f16 are copied whole: one progress event per tensor.
-    const std::string a = model("a.gguf", 3, 1);
-    std::atomic<bool> cancel{false};
-    int closed = 0;
-    const FuseResult r = run(
-        {a}, "out f16", out, 2,
-        [&](const FuseProgress& p) {
-            if (p.label.rfind("Blending ", 0) == 0 && ++closed == 3) {
+// A run stops at a tensor boundary; a split one keeps its complete shards under
+// hidden names until all are complete, and removes them.
+TEST_F(FuseTest, CancelStopsAtATensorBoundaryAndLeavesNoFile) {
+    for (const SplitLimits limits : {SplitLimits{}, SplitLimits{0, 2}}) {
+        const auto before = files();
+        std::atomic<bool> cancel{false};
+        int copied = 0;  // F16 into f16 is copied whole: one event per tensor
+        const auto stop_at_seventh = [&](const FuseProgress& p) {
+            if (p.label.rfind("Blending ", 0) == 0 && ++copied == 7) {
                 cancel = true;
+                EXPECT_EQ(files().size(), before.size() + (limits.max_tensors ? 4 : 1));
+                EXPECT_FALSE(
+                    file_exists(limits.max_tensors ? shard_path(dir.file("out"), 0, 5) : out));
             }
-        },
-        &cancel);
-    EXPECT_FALSE(r.ok);
-    EXPECT_EQ(r.message, "cancelled");
-    EXPECT_EQ(r.tensors, 3);
-    EXPECT_GT(r.params, 0);
-    EXPECT_EQ(r.layers, 0);
-    EXPECT_EQ(r.bytes, 0u);
-    EXPECT_FALSE(file_exists(out));
+        };
+        const FuseResult r = run({a}, "out f16", 2, {"", limits}, stop_at_seventh, &cancel);
+        EXPECT_EQ(r.message, "cancelled");
+        EXPECT_EQ(r.tensors, 7);
+        EXPECT_EQ(r.bytes + r.layers, 0u);
+        EXPECT_EQ(files(), before);
+    }
 }
 
 TEST_F(FuseTest, ThrowingProgressCallbackFailsTheRun) {
-    const std::string a = model("a.gguf", 2, 1);
     for (const std::string at : {"Blending output.weight", "Corked"}) {
-        const FuseResult r = run({a}, "", out, 2, [&](const FuseProgress& p) {
+        const FuseResult r = run({a}, "", 2, {}, [&](const FuseProgress& p) {
             if (p.label == at) {
                 throw std::runtime_error("stop at " + at);
             }
         });
-        EXPECT_FALSE(r.ok);
         EXPECT_EQ(r.message, "stop at " + at);
-        // A failed run never leaves a file it made, even a finished one.
-        EXPECT_FALSE(file_exists(out));
-    }
-}
-
-TEST_F(FuseTest, OutputBytesDoNotDependOnThreadCount) {
-    const std::string a = model("a.gguf", 2, 1, "llama", GGML_TYPE_F32, 256);
-    const std::string b = model("b.gguf", 2, 2, "llama", GGML_TYPE_Q8_0, 256);
-    const std::string c = model("c.gguf", 2, 3, "llama", GGML_TYPE_F16, 256);
-    for (const std::string method :
-         {"linear 1,2,3", "slerp 0.3", "ties 0.4", "dare 0.3", "della 0.4", "chaos 0.7",
-          "breadcrumbs 0.8", "task 0.7", "median", "nearswap 0.01", "pick 1", "model_stock",
-          "sce 0.4", "karcher 10 1,2,1", "multislerp 1", "nuslerp 0,1,2"}) {
-        SCOPED_TRACE(method);
-        std::string first;
-        for (int threads : {1, 2, 3, 8}) {
-            const FuseResult r = run({a, b, c}, "out q4_k\ndefault " + method, out, threads);
-            ASSERT_TRUE(r.ok) << r.message;
-            const std::string bytes = read_file(out);
-            if (first.empty()) {
-                first = bytes;
-            } else {
-                EXPECT_TRUE(bytes == first) << threads << " threads";
-            }
-        }
+        EXPECT_FALSE(file_exists(out));  // not even a finished file
     }
 }
 
