@@ -167,8 +167,9 @@ TEST_F(FuseTest, FailuresLeaveTheFolderAsItWas) {
 }
 
 // A run stops at a tensor boundary; a split one keeps its complete shards under
-// hidden names until all are complete, and removes them.
-TEST_F(FuseTest, CancelStopsAtATensorBoundaryAndLeavesNoFile) {
+// hidden names until all are complete, and removes them, as it removes those that
+// took their names when a later one cannot.
+TEST_F(FuseTest, CancelledOrUnfinishedRunsLeaveNoFile) {
     for (const SplitLimits limits : {SplitLimits{}, SplitLimits{0, 2}}) {
         const auto before = files();
         std::atomic<bool> cancel{false};
@@ -187,6 +188,17 @@ TEST_F(FuseTest, CancelStopsAtATensorBoundaryAndLeavesNoFile) {
         EXPECT_EQ(r.bytes + r.layers, 0u);
         EXPECT_EQ(files(), before);
     }
+    // A later shard cannot take its name after the first did: the first goes too.
+    const auto before = files();
+    const std::string second = shard_path(dir.file("out"), 1, 5);
+    const FuseResult late = run({a}, "out f16", 2, {"", {0, 2}}, [&](const FuseProgress& p) {
+        if (p.label == "Corked") {
+            std::filesystem::create_directory(second);
+        }
+    });
+    EXPECT_EQ(late.message, "cannot write " + second);
+    std::filesystem::remove(second);
+    EXPECT_EQ(files(), before);
 }
 
 TEST_F(FuseTest, ThrowingProgressCallbackFailsTheRun) {
