@@ -1,14 +1,15 @@
+// Planning without writing: globs, layer maps and schedules, the output type per
+// type word, rule precedence and source lookup, stacked layers and the output's keys.
 #include "fuse/output_metadata.h"
 #include "fuse/stack_plan.h"
 #include "fuse/tensor_plan.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
-#include <iterator>
 
-#include "tests/support/gguf_builder.h"
+#include "recipe/parse_recipe.h"
+#include "tests/fuse/fuse_fixtures.h"
 
 namespace tevrin {
 namespace {
@@ -27,45 +28,78 @@ std::map<std::string, TensorPlan> plan_plain(const Recipe& recipe, const SourceL
     return by_name;
 }
 
-MethodSpec spec_of(BlendMethod method, float t, float t_end = 0, bool scheduled = false) {
-    MethodSpec spec;
-    spec.method = method, spec.t = t, spec.t_end = t_end, spec.scheduled = scheduled;
-    return spec;
-}
-
 // A base of 4 layers; a donor of the same depth in another type (still a match)
 // that lacks blk.1.ffn_up and holds blk.1.attn_q in another shape; a donor of 7.
 std::vector<FixtureModel> mixed_models() {
     std::vector<FixtureModel> models;
     models.push_back(llama_fixture(4, 32, GGML_TYPE_F32, 1));
     models.push_back(llama_fixture(4, 32, GGML_TYPE_F16, 2));
-    std::erase_if(models[1].tensors, [](auto& t) { return t.name == "blk.1.ffn_up.weight"; });
-    auto& odd = *std::ranges::find(models[1].tensors, "blk.1.attn_q.weight", &FixtureTensor::name);
-    odd.ne = {32, 16, 1, 1};
+    drop_tensor(models[1], "blk.1.ffn_up.weight");
+    tensor_named(models[1], "blk.1.attn_q.weight").ne = {32, 16, 1, 1};
     models.push_back(llama_fixture(7, 32, GGML_TYPE_F32, 3));
     return models;
 }
 
-TEST(TensorPlan, GlobMapLayerAndSchedules) {
-    EXPECT_FALSE(glob_match("attn", "blk.0.attn_q.weight"));  // the whole text must match
-    EXPECT_TRUE(glob_match("*attn*", "blk.0.attn_q.weight") && glob_match("*", ""));
-    EXPECT_FALSE(glob_match("a?", "a") || glob_match("", "a"));
-    EXPECT_FALSE(glob_match("*a*a*a*a*a*a*a*b", std::string(60, 'a')));  // in polynomial time
+TEST(TensorPlan, GlobAndLayerMap) {
+    const std::tuple<std::string, std::string, bool> globs[] = {
+        {"attn", "blk.0.attn_q.weight", false},  // the whole text must match
+        {"*attn*", "blk.0.attn_q.weight", true},
+        {"*", "", true},
+        {"a**", "a", true},
+        {"a?c", "abc", true},
+        {"a?", "a", false},
+        {"", "a", false},
+        {"*a*a*a*a*a*a*a*b", std::string(60, 'a'), false},  // in polynomial time
+    };
+    for (const auto& [pattern, text, match] : globs) {
+        EXPECT_EQ(glob_match(pattern, text), match) << pattern << " " << text;
+    }
     // {layer, from, to, expected}: halves round away from 0; ends clamp; stacks of 1.
     const int32_t maps[][4] = {{16, 32, 24, 12}, {31, 32, 24, 23}, {1, 5, 3, 1}, {3, 5, 3, 2},
-                               {9, 8, 8, 7},     {5, 32, 0, 0},    {9, 1, 5, 4}};
+                               {9, 8, 8, 7},     {31, 32, 0, 0},   {9, 1, 5, 4}};
     for (const auto& m : maps) {
         EXPECT_EQ(map_layer(m[0], m[1], m[2]), m[3]) << m[0] << " " << m[1] << " " << m[2];
     }
-    // Ends hold outside the range; a range of one layer gives the midpoint.
-    const MethodSpec slerp = spec_of(BlendMethod::slerp, 0.2f, 0.8f, true);
-    EXPECT_FLOAT_EQ(resolve_spec(slerp, 15, 10, 20).t, 0.5f);
-    EXPECT_FLOAT_EQ(resolve_spec(slerp, 5, 10, 20).t, 0.2f);
-    EXPECT_FLOAT_EQ(resolve_spec(slerp, 25, 10, 20).t, 0.8f);
-    EXPECT_FLOAT_EQ(resolve_spec(slerp, 7, 7, 7).t, 0.5f);
-    MethodSpec ties = spec_of(BlendMethod::ties, 0.5f, 0.0f, true);
-    ties.weights = {1}, ties.weights_end = {0, 1};
-    EXPECT_EQ(resolve_spec(ties, 5, 0, 10).weights, std::vector<float>({0.5f, 0.5f}));  // grown
+}
+
+// Schedules written in a recipe and evaluated for a layer: the ends (held outside
+// the range), every knot, between knots, and outside the blocks (layer -1), where
+// the midpoint counts.
+TEST(TensorPlan, SchedulesMeetEveryPoint) {
+    const std::pair<const char*, std::vector<std::pair<int32_t, float>>> cases[] = {
+        {"layers 10-20 slerp 0.2>0.8", {{15, 0.5f}, {5, 0.2f}, {25, 0.8f}}},
+        {"layers 7 slerp 0.2>0.8", {{7, 0.5f}}},  // one layer: the midpoint
+        // At 12: 0.2 + 0.6 * 2/5; at 18: 0.8 - 0.4 * 3/5.
+        {"layers 10-20 slerp 0.2>0.8>0.4",
+         {{15, 0.8f}, {20, 0.4f}, {12, 0.44f}, {18, 0.56f}, {30, 0.4f}, {-1, 0.8f}}},
+        {"layers 0-6 slerp 0>1>0>1", {{3, 0.5f}, {-1, 0.5f}}},
+        {"layers 0-2 slerp 0.1>0.7>0.3", {{1, 0.7f}}},
+        {"layers 0-9 slerp 0.1>0.7>0.3", {{3, 0.1f + 0.6f * (6.0f / 9.0f)}}},
+        {"layers 4 slerp 0.1>0.7>0.3", {{4, 0.7f}}},
+    };
+    for (const auto& [text, points] : cases) {
+        const LayerRule rule = parse_recipe(text, 3).layer_rules.at(0);
+        for (const auto& [layer, t] : points) {
+            EXPECT_FLOAT_EQ(resolve_spec(rule.spec, layer, rule.first, rule.last).t, t)
+                << text << " at " << layer;
+        }
+    }
+    // Knots and ends are exact, not merely close.
+    const LayerRule knots = parse_recipe("layers 0-6 slerp 0.1>0.7>0.3>0.9", 3).layer_rules[0];
+    for (const auto& [layer, t] : {std::pair{0, 0.1f}, {2, 0.7f}, {4, 0.3f}, {6, 0.9f}}) {
+        EXPECT_EQ(resolve_spec(knots.spec, layer, 0, 6).t, t) << layer;
+    }
+    // Weight lists run through every point (a short one as 0); t alone has two points.
+    const LayerRule lists = parse_recipe("layers 0-4 ties 0.5 1,0>0,1,1>1", 3).layer_rules[0];
+    const std::vector<std::vector<float>> expected = {
+        {1, 0, 0}, {0.5f, 0.5f, 0.5f}, {0, 1, 1}, {0.5f, 0.5f, 0.5f}, {1, 0, 0}};
+    for (int32_t layer = 0; layer <= 4; ++layer) {
+        const MethodSpec spec = resolve_spec(lists.spec, layer, 0, 4);
+        EXPECT_EQ(spec.weights, expected[size_t(layer)]) << layer;
+        EXPECT_FLOAT_EQ(spec.t, 0.5f - 0.5f * float(layer) / 4.0f);
+    }
+    const LayerRule grown = parse_recipe("layers 0-10 ties 0.5 1>0,1", 3).layer_rules[0];
+    EXPECT_EQ(resolve_spec(grown.spec, 5, 0, 10).weights, std::vector<float>({0.5f, 0.5f}));
 }
 
 TEST(TensorPlan, OutputTypeForEveryTypeWord) {
@@ -102,12 +136,10 @@ TEST(TensorPlan, OutputTypeForEveryTypeWord) {
 TEST(TensorPlan, RulesAndSourceLookup) {
     TempDir dir;
     SourceList sources = open_fixtures(dir, mixed_models());
-    Recipe recipe;
-    recipe.default_spec = spec_of(BlendMethod::slerp, 0.2f, 0.8f, true);
-    recipe.tensor_rules = {{"*attn_q*", spec_of(BlendMethod::ties, 0.1f)},
-                           {"blk.2.attn_q*", spec_of(BlendMethod::dare, 0.3f)}};
-    recipe.layer_rules = {{0, 100, spec_of(BlendMethod::pick, 0.5f)},
-                          {2, 3, spec_of(BlendMethod::chaos, 0.2f, 0.8f, true)}};
+    const Recipe recipe = parse_recipe(
+        "default slerp 0.2>0.8\ntensor *attn_q* ties 0.1\ntensor blk.2.attn_q* dare 0.3\n"
+        "layers 0-100 pick 0\nlayers 2-3 chaos 0.2>0.8",
+        3);
     auto plans = plan_plain(recipe, sources);
     const struct {
         std::string name;
@@ -135,7 +167,8 @@ TEST(TensorPlan, RulesAndSourceLookup) {
     }
 }
 
-// "<output name> <source>:<source layer of the same role>", "!" for a fallback.
+// "<output name> <source>:<source layer of the same role>", and for a fallback why
+// the slice's source could not give it.
 std::string describe(const TensorPlan& plan, const SourceList& sources) {
     if (plan.only_source < 0) {
         return plan.name;
@@ -143,7 +176,11 @@ std::string describe(const TensorPlan& plan, const SourceList& sources) {
     const auto s = size_t(plan.only_source);
     std::string from = tensor_name(*sources[s], plan.source_tensors[s]);
     from = block_suffix(from) == block_suffix(plan.name) ? std::to_string(block_layer(from)) : from;
-    return plan.name + " " + std::to_string(s) + ":" + from + (plan.fallback ? "!" : "");
+    std::string why;
+    for (const DropReason reason : plan.dropped) {
+        why += reason == DropReason::none ? "" : std::string(" ") + drop_reason_word(reason);
+    }
+    return plan.name + " " + std::to_string(s) + ":" + from + why;
 }
 
 // Starts with the deeper donor, repeats a base layer, takes the odd donor layer.
@@ -152,23 +189,21 @@ TEST(StackPlan, LayersFromMixedSources) {
     std::vector<FixtureModel> models = mixed_models();
     add_tensor(models[0], "blk.3.extra", GGML_TYPE_F32, {32, 1, 1, 1});
     SourceList sources = open_fixtures(dir, models);
-    Recipe recipe;
-    recipe.default_spec = spec_of(BlendMethod::linear, 0.2f, 0.8f, true);
-    recipe.stack = {{2, 6}, {0, 1}, {0, 1}, {1, 1}};
+    const Recipe recipe = parse_recipe("default slerp 0.2>0.8\nstack 2:6 0:1 0:1 1:1", 3);
     std::vector<TensorPlan> plans;
     PlanContext ctx{recipe, 4, sources, plans};
     plan_stack(ctx);
-    std::vector<std::string> seen;
-    std::ranges::transform(plans, std::back_inserter(seen),
-                           [&](auto& p) { return describe(p, sources); });
-    const std::vector<std::string> expect = {
-        "token_embd.weight",          "output_norm.weight",         "output.weight",
-        "blk.0.attn_norm.weight 2:6", "blk.0.attn_q.weight 2:6",    "blk.0.ffn_up.weight 2:6",
-        "blk.0.extra 0:3!",           "blk.1.attn_norm.weight 0:1", "blk.1.attn_q.weight 0:1",
-        "blk.1.ffn_up.weight 0:1",    "blk.2.attn_norm.weight 0:1", "blk.2.attn_q.weight 0:1",
-        "blk.2.ffn_up.weight 0:1",    "blk.3.attn_norm.weight 1:1", "blk.3.attn_q.weight 0:1!",
-        "blk.3.ffn_up.weight 0:1!"};
-    EXPECT_EQ(seen, expect);
+    std::string seen;
+    for (const TensorPlan& plan : plans) {
+        seen += describe(plan, sources) + "; ";
+    }
+    EXPECT_EQ(seen,
+              "token_embd.weight; output_norm.weight; output.weight; blk.0.attn_norm.weight 2:6; "
+              "blk.0.attn_q.weight 2:6; blk.0.ffn_up.weight 2:6; blk.0.extra 0:3 missing; "
+              "blk.1.attn_norm.weight 0:1; blk.1.attn_q.weight 0:1; blk.1.ffn_up.weight 0:1; "
+              "blk.2.attn_norm.weight 0:1; blk.2.attn_q.weight 0:1; blk.2.ffn_up.weight 0:1; "
+              "blk.3.attn_norm.weight 1:1; blk.3.attn_q.weight 0:1 other shape; "
+              "blk.3.ffn_up.weight 0:1 missing; ");
     EXPECT_FLOAT_EQ(plans[3].spec.t, 0.2f);  // schedules run over the output layers
     EXPECT_FLOAT_EQ(plans.back().spec.t, 0.8f);
 }
