@@ -1,96 +1,40 @@
-// The preview against the run it foretells: on a corpus of sources and recipes,
-// every type, shape, size, method value and failure the preview reports is the
-// one the run used; the memory estimate matches the buffers the pipeline sizes;
-// and each source-dependent warning fires on one recipe and stays silent on its
-// corrected twin.
+// The preview against the run it foretells: on the corpus of sources and a set of
+// recipes, every type, shape, size, method value and failure the preview reports
+// is the one the run used; the memory estimate matches the buffers the pipeline
+// sizes; and each source-dependent warning fires on one recipe and stays silent on
+// its corrected twin.
 #include <gtest/gtest.h>
 
-#include <ggml.h>
-
-#include <algorithm>
-
-#include "blend/blend.h"
-#include "blend/draws.h"
 #include "fuse/encode_rows.h"
-#include "fuse/fuse.h"
 #include "fuse/run_preview.h"
 #include "fuse/write_tensor.h"
-#include "tests/support/gguf_builder.h"
+#include "tests/fuse/fuse_fixtures.h"
 
 namespace tevrin::testing {
 namespace {
-
-void set_vocabulary(FixtureModel& model, size_t tokens, const std::string& spelling = "t") {
-    std::vector<std::string> words(tokens);
-    std::vector<const char*> pointers;
-    for (size_t i = 0; i < tokens; ++i) {
-        words[i] = spelling + std::to_string(i);
-        pointers.push_back(words[i].c_str());
-    }
-    gguf_set_arr_str(model.meta.get(), "tokenizer.ggml.tokens", pointers.data(), tokens);
-}
-
-// a: base, F16. b: Q8_0. c: 3 layers. d: lacks blk.1.attn_q.weight and holds
-// blk.0.ffn_up.weight in another shape. e: a vocabulary of 20 other tokens, not 16.
-struct Corpus {
-    TempDir dir;
-    std::string a = dir.file("a.gguf"), b = dir.file("b.gguf"), c = dir.file("c.gguf"),
-                d = dir.file("d.gguf"), e = dir.file("e.gguf"), out = dir.file("out.gguf");
-    Corpus() {
-        FixtureModel base = llama_fixture(2, 64, GGML_TYPE_F16, 1);
-        set_vocabulary(base, 16);
-        write_fixture(base, a);
-        write_fixture(llama_fixture(2, 64, GGML_TYPE_Q8_0, 2), b);
-        write_fixture(llama_fixture(3, 64, GGML_TYPE_F32, 3), c);
-        FixtureModel gap = llama_fixture(2, 64, GGML_TYPE_F16, 4);
-        std::erase_if(gap.tensors,
-                      [](const FixtureTensor& t) { return t.name == "blk.1.attn_q.weight"; });
-        for (FixtureTensor& t : gap.tensors) {
-            if (t.name == "blk.0.ffn_up.weight") {
-                t.ne = {64, 64, 1, 1};
-            }
-        }
-        write_fixture(gap, d);
-        FixtureModel vocab = llama_fixture(2, 64, GGML_TYPE_F16, 5);
-        set_vocabulary(vocab, 20, "u");  // other tokens: no shared rows to align on
-        for (FixtureTensor& t : vocab.tensors) {
-            if (t.name == "token_embd.weight" || t.name == "output.weight") {
-                t.ne = {64, 20, 1, 1};
-            }
-        }
-        write_fixture(vocab, e);
-    }
-};
 
 // The bytes the run must have written for one tensor, made from the preview's
 // sources and spec with the kernel and the encoder.
 std::vector<uint8_t> expected_bytes(const RunPreview& p, const std::vector<std::string>& paths,
                                     size_t i) {
     const TensorPlan& plan = p.run.plans[i];
-    const TensorPreview& tensor = p.tensors[i];
+    const ActiveSources& active = p.tensors[i].active;
     const auto source_name = [&](int32_t s) {
-        return std::string(
-            gguf_get_tensor_name(p.sources[size_t(s)]->gguf, plan.source_tensors[size_t(s)]));
+        return std::string(tensor_name(*p.sources[size_t(s)], plan.source_tensors[size_t(s)]));
     };
-    if (tensor.copied) {
-        return read_tensor_bytes(paths[size_t(tensor.active.single)],
-                                 source_name(tensor.active.single));
+    if (p.tensors[i].copied) {
+        return read_tensor_bytes(paths[size_t(active.single)], source_name(active.single));
+    }
+    std::vector<std::string> files, names;
+    for (const int32_t s : active.sources) {
+        files.push_back(paths[size_t(s)]);
+        names.push_back(source_name(s));
     }
     const int64_t row_len = plan.ne[0], rows = plan.ne[1] * plan.ne[2] * plan.ne[3];
-    std::vector<std::vector<float>> decoded;
-    std::vector<const float*> rows_in;
-    for (const int32_t s : tensor.active.sources) {
-        decoded.push_back(read_tensor_floats(paths[size_t(s)], source_name(s)));
-    }
-    for (const auto& d : decoded) {
-        rows_in.push_back(d.data());
-    }
-    std::vector<float> blended(size_t(row_len * rows));
-    blend_rows(tensor.active.spec, tensor_seed(p.recipe.seed, plan.name), 0, rows_in,
-               blended.data(), rows, row_len);
+    const auto values = blended_files(active.spec, files, plan.name, row_len, names, p.recipe.seed);
     const size_t row_bytes = ggml_row_size(ggml_type(plan.out_type), row_len);
     std::vector<uint8_t> bytes(row_bytes * size_t(rows));
-    encode_rows(plan.out_type, blended.data(), bytes.data(), rows, row_len, row_bytes);
+    encode_rows(plan.out_type, values.data(), bytes.data(), rows, row_len, row_bytes);
     return bytes;
 }
 
@@ -110,14 +54,14 @@ void expect_run_matches(const std::vector<std::string>& paths, const std::string
     EXPECT_EQ(p.run.output_layers, r.layers);
     SourceModel written;
     written.open(out);
-    ASSERT_EQ(gguf_get_n_tensors(written.gguf), int64_t(p.run.plans.size()));
+    ASSERT_EQ(tensor_count(written), int64_t(p.run.plans.size()));
     for (size_t i = 0; i < p.run.plans.size(); ++i) {
         const TensorPlan& plan = p.run.plans[i];
         SCOPED_TRACE(plan.name);
-        EXPECT_EQ(gguf_get_tensor_name(written.gguf, int64_t(i)), plan.name);
-        EXPECT_EQ(int32_t(gguf_get_tensor_type(written.gguf, int64_t(i))), plan.out_type);
+        EXPECT_EQ(tensor_name(written, int64_t(i)), plan.name);
+        EXPECT_EQ(tensor_type(written, int64_t(i)), plan.out_type);
         EXPECT_EQ(tensor_shape(written, int64_t(i)), plan.ne);
-        EXPECT_EQ(gguf_get_tensor_size(written.gguf, int64_t(i)), p.tensors[i].bytes_out);
+        EXPECT_EQ(tensor_size(written, int64_t(i)), p.tensors[i].bytes_out);
         EXPECT_EQ(read_tensor_bytes(out, plan.name), expected_bytes(p, paths, i));
     }
 }
@@ -146,19 +90,15 @@ TEST(RunPreview, EveryValueIsTheOneTheRunUses) {
 }
 
 TEST(RunPreview, FailsAtTheTensorTheRunFailsAt) {
-    TempDir dir;
-    FixtureModel m = llama_fixture(1, 32, GGML_TYPE_F32, 1);
-    FixtureTensor& ints = add_tensor(m, "ids", GGML_TYPE_I32, {8, 2, 1, 1});
-    ints.raw.assign(64, 1);
-    write_fixture(m, dir.file("a.gguf"));
-    write_fixture(m, dir.file("b.gguf"));
-    const std::vector<std::string> two = {dir.file("a.gguf"), dir.file("b.gguf")};
+    FuseDir d;
+    FixtureModel m = llama_fixture(1, 36, GGML_TYPE_F32, 1);  // 144-byte norms: padded
+    add_tensor(m, "ids", GGML_TYPE_I32, {8, 2, 1, 1}).raw.assign(64, 1);
+    const std::vector<std::string> two = {d.write("a.gguf", m), d.write("b.gguf", m)};
     const RunPreview p = preview_run(two, "default linear");
-    EXPECT_FALSE(p.ok);
     EXPECT_EQ(p.message, "cannot dequantize type i32");
     EXPECT_EQ(p.tensors.size(), p.run.plans.size() - 1);  // all before the failing one
-    expect_run_matches(two, "default linear", dir.file("o.gguf"));
-    expect_run_matches({dir.file("a.gguf")}, "out keep", dir.file("o.gguf"));  // copied whole
+    expect_run_matches(two, "default linear", d.out);
+    expect_run_matches({two[0]}, "out keep", d.out);  // copied whole
 }
 
 TEST(RunPreview, DropReasonsAndReadBytesAndBuffersMatchThePipeline) {
@@ -166,57 +106,50 @@ TEST(RunPreview, DropReasonsAndReadBytesAndBuffersMatchThePipeline) {
     const std::vector<std::string> paths = {c.a, c.d, c.e};
     const RunPreview p = preview_run(paths, "default linear", 2);  // the write below's threads
     ASSERT_TRUE(p.ok) << p.message;
-    const auto dropped = [&](const std::string& name) {
-        for (const TensorPlan& plan : p.run.plans) {
-            if (plan.name == name) {
-                return plan.dropped;
-            }
-        }
-        return std::vector<DropReason>{};
-    };
     using D = DropReason;
-    EXPECT_EQ(dropped("blk.1.attn_q.weight"), std::vector<D>({D::none, D::missing, D::none}));
-    EXPECT_EQ(dropped("blk.0.ffn_up.weight"), std::vector<D>({D::none, D::other_shape, D::none}));
-    EXPECT_EQ(dropped("output.weight"), std::vector<D>({D::none, D::none, D::other_vocabulary}));
-
+    const std::map<std::string, std::vector<D>> dropped = {
+        {"blk.1.attn_q.weight", {D::none, D::missing, D::none}},
+        {"blk.0.ffn_up.weight", {D::none, D::other_shape, D::none}},
+        {"output.weight", {D::none, D::none, D::other_vocabulary}}};
+    for (const TensorPlan& plan : p.run.plans) {
+        if (dropped.count(plan.name)) {
+            EXPECT_EQ(plan.dropped, dropped.at(plan.name)) << plan.name;
+        }
+    }
     OutputStream out;
     open_output(out, c.out);
     RowBuffers buffers;
     const ProgressFn none;
     const WriteContext ctx{p.sources, p.recipe.seed, 2, nullptr, none, 1, out, buffers};
     std::vector<uint64_t> floats(paths.size(), 0);
-    uint64_t blended = 0, encoded = 0;
+    MemoryEstimate seen;
     for (size_t i = 0; i < p.run.plans.size(); ++i) {
         EXPECT_EQ(write_tensor(ctx, p.run.plans[i], 0).read, p.tensors[i].bytes_read)
             << p.run.plans[i].name;
         for (size_t s = 0; s < paths.size(); ++s) {
             floats[s] = std::max<uint64_t>(floats[s], buffers.source_floats[s].size() * 4);
         }
-        blended = std::max<uint64_t>(blended, buffers.blended.size() * 4);
-        encoded = std::max<uint64_t>(encoded, buffers.encoded.size());
+        seen.blended = std::max<uint64_t>(seen.blended, buffers.blended.size() * 4);
+        seen.encoded = std::max<uint64_t>(seen.encoded, buffers.encoded.size());
     }
     discard_output(out);
-    uint64_t floats_total = 0;
-    for (const uint64_t f : floats) {
-        floats_total += f;
-    }
-    EXPECT_EQ(p.memory.source_floats, floats_total);
-    EXPECT_EQ(p.memory.blended, blended);
-    EXPECT_EQ(p.memory.encoded, encoded);
+    EXPECT_EQ(p.memory.source_floats, floats[0] + floats[1] + floats[2]);
+    EXPECT_EQ(p.memory.blended, seen.blended);
+    EXPECT_EQ(p.memory.encoded, seen.encoded);
     EXPECT_EQ(p.memory.stream_buffer, kStreamBufferBytes);
 }
 
 // Each warning that needs the sources, with the recipe that triggers it and a
-// corrected one that must stay silent. The base has 2 layers; source 1 lacks
+// corrected one that must stay silent. The base has 2 layers; source 1 (d) lacks
 // blk.1.attn_q.weight.
 TEST(RunPreview, SourceWarningsFireOnlyOnTheirMistake) {
     Corpus c;
-    const std::vector<std::string> paths = {c.a, c.d};
     const struct {
         std::string wrong, warning, right;
     } cases[] = {
         {"layers 10-20 ties", "recipe line 1: layers 10-20 lie beyond the base's 2 layers (0-1)",
          "layers 0-1 ties"},
+        {"layers 2-5 ties", "recipe line 1: layers 2-5 lie beyond", "layers 1 ties"},
         {"layers 1-5 slerp 0.2>0.8", "recipe line 1: layers 1-5 reach beyond",
          "layers 1 slerp 0.2>0.8"},
         {"tensor model.layers.* ties", "recipe line 1: 'model.layers.*' matches no tensor",
@@ -234,11 +167,10 @@ TEST(RunPreview, SourceWarningsFireOnlyOnTheirMistake) {
          "stack 0:0-1\ntensor output* ties"},
     };
     for (const auto& item : cases) {
-        const RunPreview wrong = preview_run(paths, item.wrong);
-        ASSERT_TRUE(wrong.ok) << wrong.message;
+        const RunPreview wrong = preview_run({c.a, c.d}, item.wrong);
         ASSERT_EQ(wrong.warnings.size(), 1u) << item.wrong;
         EXPECT_EQ(wrong.warnings[0].rfind(item.warning, 0), 0u) << wrong.warnings[0];
-        const RunPreview right = preview_run(paths, item.right);
+        const RunPreview right = preview_run({c.a, c.d}, item.right);
         EXPECT_TRUE(right.warnings.empty()) << item.right << ": " << right.warnings[0];
     }
 }
