@@ -79,6 +79,7 @@ TEST(RunPreview, EveryValueIsTheOneTheRunUses) {
         {"out keep\ndefault della 0.4", {c.a, c.e, c.d}},
         {"out f16\ndefault pick 1", {c.a, c.c}},
         {"out q8_0\nstack 0:0-1 2:1-2 1:0\ntensor output* chaos 0.2", {c.a, c.d, c.c}},
+        {"out keep\nstack 2:2 0:1 2:0 0:1", {c.a, c.d, c.c}},  // whole layers copied
         {"default task 0.7 1,0.5,0.25", {c.a, c.e, c.c}},
         {"default slerp t=0.3", {c.a, c.b}},                 // parse failure
         {"stack 0:0-5", {c.a, c.b}},                         // plan failure
