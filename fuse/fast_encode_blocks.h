@@ -12,6 +12,10 @@
 
 namespace tevrin {
 
+inline constexpr int kSuperBlock = 256;  // elements of a k-quant super-block
+// Below this a signed group's largest magnitude counts as zero (the library's bound).
+inline constexpr float kAllZeroBound = 1e-15f;
+
 void encode_q8_0_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q2_k_avx2(const float* x, uint8_t* out, int64_t blocks);
 void encode_q3_k_avx2(const float* x, uint8_t* out, int64_t blocks);

@@ -11,7 +11,6 @@ namespace tevrin {
 #if defined(__x86_64__)
 namespace {
 
-constexpr int kSuper = 256;
 constexpr int kSub = 32;  // elements of a sub-block
 constexpr SearchShape kQ4Shape{15, -1.0f, 0.1f, 20};
 constexpr SearchShape kQ5Shape{31, -0.5f, 0.1f, 15};
@@ -97,11 +96,11 @@ void write_header(uint8_t* out, const SuperScales& s) {
 
 TEVRIN_AVX2 void finish_q4_k(const float* x, const SubBlockFit& fit, uint8_t* out) {
     const SuperScales s = pack_scales(fit);
-    uint8_t levels[kSuper];
+    uint8_t levels[kSuperBlock];
     final_levels(x, fit, s, kQ4Shape.nmax, levels);
     write_header(out, s);
     uint8_t* q = out + 16;
-    for (int j = 0; j < kSuper; j += 64, q += 32) {
+    for (int j = 0; j < kSuperBlock; j += 64, q += 32) {
         for (int l = 0; l < 32; ++l) {
             q[l] = uint8_t(levels[j + l] | (levels[j + l + 32] << 4));
         }
@@ -110,7 +109,7 @@ TEVRIN_AVX2 void finish_q4_k(const float* x, const SubBlockFit& fit, uint8_t* ou
 
 TEVRIN_AVX2 void finish_q5_k(const float* x, const SubBlockFit& fit, uint8_t* out) {
     const SuperScales s = pack_scales(fit);
-    uint8_t levels[kSuper];
+    uint8_t levels[kSuperBlock];
     final_levels(x, fit, s, kQ5Shape.nmax, levels);
     write_header(out, s);
     uint8_t* qh = out + 16;
@@ -118,7 +117,7 @@ TEVRIN_AVX2 void finish_q5_k(const float* x, const SubBlockFit& fit, uint8_t* ou
     std::memset(qh, 0, 32);
     uint8_t m1 = 1;
     uint8_t m2 = 2;
-    for (int n = 0; n < kSuper; n += 64, ql += 32) {
+    for (int n = 0; n < kSuperBlock; n += 64, ql += 32) {
         for (int j = 0; j < 32; ++j) {
             int l1 = levels[n + j];
             int l2 = levels[n + j + 32];
@@ -142,7 +141,7 @@ TEVRIN_AVX2 void encode_group(const float* x, uint8_t* out) {
     constexpr int64_t bytes = Five ? 176 : 144;
     const float* starts[G];
     for (int g = 0; g < G; ++g) {
-        starts[g] = x + kSuper * g;
+        starts[g] = x + kSuperBlock * g;
     }
     SubBlockFit fit[G];
     fit_sub_blocks<G, kSub>(starts, Five ? kQ5Shape : kQ4Shape, fit);
@@ -160,17 +159,17 @@ template <bool Five>
 TEVRIN_AVX2 void encode_k(const float* x, uint8_t* out, int64_t blocks) {
     constexpr int64_t bytes = Five ? 176 : 144;
     for (int64_t b = 0; b < blocks;) {
-        if (b + 1 < blocks && all_finite(x, 2 * kSuper)) {
+        if (b + 1 < blocks && all_finite(x, 2 * kSuperBlock)) {
             encode_group<2, Five>(x, out);
-            b += 2, x += 2 * kSuper, out += 2 * bytes;
+            b += 2, x += 2 * kSuperBlock, out += 2 * bytes;
             continue;
         }
-        if (all_finite(x, kSuper)) {
+        if (all_finite(x, kSuperBlock)) {
             encode_group<1, Five>(x, out);
         } else {
-            encode_block_with_library(Five ? GGML_TYPE_Q5_K : GGML_TYPE_Q4_K, x, out, kSuper);
+            encode_block_with_library(Five ? GGML_TYPE_Q5_K : GGML_TYPE_Q4_K, x, out, kSuperBlock);
         }
-        b += 1, x += kSuper, out += bytes;
+        b += 1, x += kSuperBlock, out += bytes;
     }
 }
 

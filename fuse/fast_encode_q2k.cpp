@@ -9,12 +9,11 @@ namespace tevrin {
 #if defined(__x86_64__)
 namespace {
 
-constexpr int kSuper = 256;
 constexpr SearchShape kQ2Shape{3, -0.5f, 0.1f, 15};
 
 TEVRIN_AVX2 void encode_q2_k_super(const float* x, uint8_t* out) {
     constexpr int n = 16;
-    const float* starts[2] = {x, x + kSuper / 2};
+    const float* starts[2] = {x, x + kSuperBlock / 2};
     SubBlockFit fit[2];
     fit_sub_blocks<2, n>(starts, kQ2Shape, fit);
     float max_scale = 0;
@@ -47,7 +46,7 @@ TEVRIN_AVX2 void encode_q2_k_super(const float* x, uint8_t* out) {
         }
         dmin = half_bits(max_min / 15.f);
     }
-    uint8_t levels[kSuper];
+    uint8_t levels[kSuperBlock];
     const float d_all = half_value(d);
     const float dmin_all = half_value(dmin);
     for (int j = 0; j < n; ++j) {
@@ -71,7 +70,7 @@ TEVRIN_AVX2 void encode_q2_k_super(const float* x, uint8_t* out) {
         }
     }
     uint8_t* qs = out + 16;
-    for (int j = 0; j < kSuper; j += 128) {
+    for (int j = 0; j < kSuperBlock; j += 128) {
         for (int l = 0; l < 32; ++l) {
             qs[j / 4 + l] = uint8_t(levels[j + l] | (levels[j + l + 32] << 2) |
                                     (levels[j + l + 64] << 4) | (levels[j + l + 96] << 6));
@@ -85,11 +84,11 @@ TEVRIN_AVX2 void encode_q2_k_super(const float* x, uint8_t* out) {
 
 __attribute__((target("avx2,f16c"))) void encode_q2_k_avx2(const float* x, uint8_t* out,
                                                            int64_t blocks) {
-    for (int64_t b = 0; b < blocks; ++b, x += kSuper, out += 84) {
-        if (all_finite(x, kSuper)) {
+    for (int64_t b = 0; b < blocks; ++b, x += kSuperBlock, out += 84) {
+        if (all_finite(x, kSuperBlock)) {
             encode_q2_k_super(x, out);
         } else {
-            encode_block_with_library(GGML_TYPE_Q2_K, x, out, kSuper);
+            encode_block_with_library(GGML_TYPE_Q2_K, x, out, kSuperBlock);
         }
     }
 }

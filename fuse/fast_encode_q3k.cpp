@@ -15,12 +15,10 @@ namespace tevrin {
 #if defined(__x86_64__)
 namespace {
 
-constexpr int kSuper = 256;
 constexpr int kSub = 16;
 constexpr int kNmax = 4;
 constexpr int kSweeps = 5;
-constexpr float kAllZero = 1e-15f;  // the library's bound for an all-zero group
-constexpr int kMaxGroups = 4;       // groups of eight sub-blocks: two super-blocks
+constexpr int kMaxGroups = 4;  // groups of eight sub-blocks: two super-blocks
 
 struct SignedFit {
     float scale[8];
@@ -108,7 +106,7 @@ TEVRIN_AVX2 void fit_signed(const float* x, SignedFit* fit) {
             amax = _mm256_blendv_ps(amax, ax, larger);
             max = _mm256_blendv_ps(max, v, larger);
         }
-        all_zero[g] = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZero), _CMP_LT_OQ);
+        all_zero[g] = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZeroBound), _CMP_LT_OQ);
         const __m256 iscale = _mm256_div_ps(_mm256_set1_ps(float(-kNmax)), max);
         sumlx[g] = zero;
         suml2[g] = zero;
@@ -201,7 +199,7 @@ TEVRIN_AVX2 void encode_q3_k_super(const float* x, const SignedFit* fits, uint8_
         std::memset(out + 96, 0, 12);  // every level then stays as the search left it
     }
     const float d_all = half_value(d_half);
-    int8_t levels[kSuper];
+    int8_t levels[kSuperBlock];
     for (int j = 0; j < 16; ++j) {
         const float d = d_all * float(scales[j]);
         int8_t* dest = levels + kSub * j;
@@ -235,20 +233,20 @@ __attribute__((target("avx2,f16c"))) void encode_q3_k_avx2(const float* x, uint8
     SignedFit fits[kMaxGroups];
     for (int64_t b = 0; b < blocks;) {
         // Two super-blocks at a time where both are finite: twice the chains.
-        if (b + 1 < blocks && all_finite(x, 2 * kSuper)) {
+        if (b + 1 < blocks && all_finite(x, 2 * kSuperBlock)) {
             fit_signed<4>(x, fits);
             encode_q3_k_super(x, fits, out);
-            encode_q3_k_super(x + kSuper, fits + 2, out + 110);
-            b += 2, x += 2 * kSuper, out += 2 * 110;
+            encode_q3_k_super(x + kSuperBlock, fits + 2, out + 110);
+            b += 2, x += 2 * kSuperBlock, out += 2 * 110;
             continue;
         }
-        if (all_finite(x, kSuper)) {
+        if (all_finite(x, kSuperBlock)) {
             fit_signed<2>(x, fits);
             encode_q3_k_super(x, fits, out);
         } else {
-            encode_block_with_library(GGML_TYPE_Q3_K, x, out, kSuper);
+            encode_block_with_library(GGML_TYPE_Q3_K, x, out, kSuperBlock);
         }
-        b += 1, x += kSuper, out += 110;
+        b += 1, x += kSuperBlock, out += 110;
     }
 }
 #endif

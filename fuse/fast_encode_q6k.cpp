@@ -14,10 +14,8 @@ namespace tevrin {
 #if defined(__x86_64__)
 namespace {
 
-constexpr int kSuper = 256;
 constexpr int kSub = 16;
 constexpr int kNmax = 32;
-constexpr float kAllZero = 1e-15f;  // the library's bound for an all-zero group
 
 struct SignedFit {
     float scale[8];
@@ -77,7 +75,7 @@ TEVRIN_AVX2 void fit_signed(const float* x, SignedFit* fit) {
             amax = _mm256_blendv_ps(amax, ax, larger);
             max[g] = _mm256_blendv_ps(max[g], v, larger);
         }
-        all_zero[g] = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZero), _CMP_LT_OQ);
+        all_zero[g] = _mm256_cmp_ps(amax, _mm256_set1_ps(kAllZeroBound), _CMP_LT_OQ);
     }
     // The first pass scales by nmax itself; the trials from nmax - 0.9 to nmax + 0.9.
     run_trial(xt, w, wx, max, float(-kNmax), l, sumlx, suml2);
@@ -124,7 +122,7 @@ TEVRIN_AVX2 void fit_signed(const float* x, SignedFit* fit) {
 void pack_q6_k(const int8_t* levels, uint8_t* out) {
     uint8_t* ql = out;
     uint8_t* qh = out + 128;
-    for (int j = 0; j < kSuper; j += 128, ql += 64, qh += 32) {
+    for (int j = 0; j < kSuperBlock; j += 128, ql += 64, qh += 32) {
         for (int l = 0; l < 32; ++l) {
             const uint8_t q1 = levels[j + l + 0] & 0xF;
             const uint8_t q2 = levels[j + l + 32] & 0xF;
@@ -152,7 +150,7 @@ TEVRIN_AVX2 void encode_q6_k_super(const float* x, uint8_t* out) {
             max_scale = scales[ib];
         }
     }
-    if (max_abs_scale < kAllZero) {
+    if (max_abs_scale < kAllZeroBound) {
         std::memset(out, 0, 210);
         store_half(out + 208, half_bits(0.f));
         return;
@@ -165,7 +163,7 @@ TEVRIN_AVX2 void encode_q6_k_super(const float* x, uint8_t* out) {
         stored_scales[ib] = int8_t(s < 127 ? s : 127);
     }
     const float d_all = half_value(d_half);
-    int8_t levels[kSuper];
+    int8_t levels[kSuperBlock];
     for (int j = 0; j < 16; ++j) {
         const float d = d_all * stored_scales[j];
         int8_t* dest = levels + kSub * j;
@@ -195,11 +193,11 @@ TEVRIN_AVX2 void encode_q6_k_super(const float* x, uint8_t* out) {
 
 __attribute__((target("avx2,f16c"))) void encode_q6_k_avx2(const float* x, uint8_t* out,
                                                            int64_t blocks) {
-    for (int64_t b = 0; b < blocks; ++b, x += kSuper, out += 210) {
-        if (all_finite(x, kSuper)) {
+    for (int64_t b = 0; b < blocks; ++b, x += kSuperBlock, out += 210) {
+        if (all_finite(x, kSuperBlock)) {
             encode_q6_k_super(x, out);
         } else {
-            encode_block_with_library(GGML_TYPE_Q6_K, x, out, kSuper);
+            encode_block_with_library(GGML_TYPE_Q6_K, x, out, kSuperBlock);
         }
     }
 }
