@@ -60,9 +60,7 @@ TensorPreview preview_tensor(const SourceList& sources, const TensorPlan& plan, 
         }
     }
     const int64_t per_chunk = chunk_rows(row_len, rows);
-    const uint64_t block_floats =
-        uint64_t(chunk_workers(threads, per_chunk)) *
-        uint64_t(block_rows(row_len, range_rows(threads, per_chunk)) * row_len) * sizeof(float);
+    const uint64_t block_floats = worker_block_floats(threads, row_len, rows) * sizeof(float);
     for (const RowSpan& span : spans) {
         const int64_t span_rows = span.end - span.first;
         if (copies_unchanged(sources, plan, span.active)) {

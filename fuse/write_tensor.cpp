@@ -111,8 +111,7 @@ void size_buffers(const WriteContext& ctx, const std::vector<int32_t>& decoded, 
                   int64_t rows, size_t row_bytes) {
     RowBuffers& buf = ctx.buffers;
     const int64_t per_chunk = chunk_rows(row_len, rows);
-    const auto blocks = size_t(chunk_workers(ctx.threads, per_chunk)) *
-                        size_t(block_rows(row_len, range_rows(ctx.threads, per_chunk)) * row_len);
+    const auto blocks = size_t(worker_block_floats(ctx.threads, row_len, rows));
     buf.source_floats.resize(ctx.sources.size());
     for (auto& floats : buf.source_floats) {
         floats.clear();
@@ -163,6 +162,12 @@ int64_t range_rows(int32_t threads, int64_t chunk) {
 int64_t block_rows(int64_t row_len, int64_t rows) {
     return std::max<int64_t>(
         std::min<int64_t>(kBlockElements / std::max<int64_t>(row_len, 1), rows), 1);
+}
+
+uint64_t worker_block_floats(int32_t threads, int64_t row_len, int64_t rows) {
+    const int64_t per_chunk = chunk_rows(row_len, rows);
+    return uint64_t(chunk_workers(threads, per_chunk)) *
+           uint64_t(block_rows(row_len, range_rows(threads, per_chunk)) * row_len);
 }
 
 bool copies_unchanged(const SourceList& sources, const TensorPlan& plan,

@@ -46,6 +46,10 @@ int64_t range_rows(int32_t threads, int64_t chunk);
 // least one.
 int64_t block_rows(int64_t row_len, int64_t rows);
 
+// Floats of one source's block buffer over all workers of the largest chunk of
+// a tensor of `rows` rows: what the run sizes and the plan preview reports.
+uint64_t worker_block_floats(int32_t threads, int64_t row_len, int64_t rows);
+
 // Scratch of the pipeline; lives for a whole run so memory is kept between tensors.
 // Worker w's block starts at w times the block's elements.
 struct RowBuffers {
