@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "fuse/output_metadata.h"
 #include "fuse/output_parts.h"
@@ -152,7 +153,7 @@ FuseResult fuse(const std::vector<std::string>& source_paths, const std::string&
             }
             finish_output(output);
             result.bytes += output.written;
-            finished.push_back(output);
+            finished.push_back(std::move(output));
             output = OutputStream{};
         }
         // An exception from this last event still fails the run, and the finished

@@ -105,13 +105,13 @@ bool write_in_place(const std::string& path, const std::string& target) {
     return stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode);
 }
 
-FILE* open_temp(OutputStream& out) {
+int open_temp(OutputStream& out) {
     out.temp_path = dir_of(out.target) + "/." + base_of(out.target) + ".tevrin-" +
                     std::to_string(getpid()) + ".tmp";
     const int fd = open(out.temp_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0) {
         out.temp_path.clear();
-        return nullptr;
+        return -1;
     }
     register_temp(out.temp_path);
     struct stat made = {};
@@ -124,11 +124,7 @@ FILE* open_temp(OutputStream& out) {
     if (stat(out.target.c_str(), &st) == 0) {
         fchmod(fd, st.st_mode & 07777);
     }
-    FILE* stream = fdopen(fd, "wb");
-    if (stream == nullptr) {
-        close(fd);
-    }
-    return stream;
+    return fd;
 }
 
 void sync_directory(const std::string& dir) {
@@ -144,28 +140,29 @@ void sync_directory(const std::string& dir) {
 void open_output(OutputStream& out, const std::string& path) {
     out.path = path;
     out.target = link_target(path);
-    if (write_in_place(path, out.target)) {
-        out.stream = std::fopen(path.c_str(), "wb");
-    } else {
-        out.stream = open_temp(out);
-    }
-    if (out.stream == nullptr) {
+    const bool in_place = write_in_place(path, out.target);
+    out.fd = in_place ? open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
+                      : open_temp(out);
+    if (out.fd < 0) {
         discard_output(out);
         throw std::runtime_error("cannot write " + path);
     }
-    // One buffer per calling thread, kept for the thread's life; a thread has at
-    // most one output buffered at a time, so later streams get their own.
-    thread_local std::vector<char> buffer(kStreamBufferBytes);
-    std::setvbuf(out.stream, buffer.data(), _IOFBF, buffer.size());
+    try {
+        out.writer = std::make_unique<OutputWriter>();
+        start_writer(*out.writer, out.fd, kStreamBufferBytes, !in_place);
+    } catch (...) {
+        discard_output(out);
+        throw;
+    }
 }
 
 void write_bytes(OutputStream& out, const void* data, size_t size) {
-    std::fwrite(data, 1, size, out.stream);
+    writer_append(*out.writer, data, size);
     out.written += size;
 }
 
 void write_zeros(OutputStream& out, uint64_t count) {
-    static const uint8_t zeros[64] = {};
+    static const uint8_t zeros[4096] = {};
     while (count > 0) {
         const size_t piece = size_t(std::min<uint64_t>(count, sizeof zeros));
         write_bytes(out, zeros, piece);
@@ -175,38 +172,42 @@ void write_zeros(OutputStream& out, uint64_t count) {
 
 void copy_file_bytes(OutputStream& out, int fd, uint64_t offset, const uint8_t* mapped,
                      size_t size) {
-    std::fflush(out.stream);
+    OutputWriter& writer = *out.writer;
+    writer_drain(writer);
     loff_t from = loff_t(offset);
     size_t left = size;
-    while (left > 0) {
-        const ssize_t n = copy_file_range(fd, &from, fileno(out.stream), nullptr, left, 0);
+    while (left > 0 && !writer_failed(writer)) {
+        const ssize_t n = copy_file_range(fd, &from, out.fd, nullptr, left, 0);
         if (n <= 0) {
             break;
         }
         left -= size_t(n);
     }
+    writer_skip(writer, size - left);
     if (left > 0) {
         const uint8_t* rest = mapped + (size - left);
-        std::fwrite(rest, 1, left, out.stream);
+        writer_append(writer, rest, left);
         release_pages(rest, left);
     }
     out.written += size;
 }
 
 void check_output(const OutputStream& out) {
-    if (std::ferror(out.stream)) {
+    if (writer_failed(*out.writer)) {
         throw std::runtime_error("write error (disk full?)");
     }
 }
 
 void finish_output(OutputStream& out) {
-    bool ok = std::fflush(out.stream) == 0 && !std::ferror(out.stream);
+    writer_drain(*out.writer);
+    bool ok = !writer_failed(*out.writer);
+    out.writer.reset();
     // A pipe or a device cannot be synced; only a file that is renamed must be.
     if (ok && !out.temp_path.empty()) {
-        ok = fsync(fileno(out.stream)) == 0;
+        ok = fsync(out.fd) == 0;
     }
-    ok = std::fclose(out.stream) == 0 && ok;
-    out.stream = nullptr;
+    ok = close(out.fd) == 0 && ok;
+    out.fd = -1;
     if (!ok) {
         throw std::runtime_error("write error (disk full?)");
     }
@@ -226,9 +227,10 @@ void commit_output(OutputStream& out) {
 }
 
 void discard_output(OutputStream& out) {
-    if (out.stream != nullptr) {
-        std::fclose(out.stream);
-        out.stream = nullptr;
+    out.writer.reset();
+    if (out.fd >= 0) {
+        close(out.fd);
+        out.fd = -1;
     }
     if (!out.temp_path.empty()) {
         unlink(out.temp_path.c_str());

@@ -1,5 +1,7 @@
-// The output file of a run: one buffered stream, written front to back by the
-// thread that runs the fusion, with a count of the bytes written.
+// The output file of a run: one stream, written front to back by the thread
+// that runs the fusion, with a count of the bytes written. The bytes reach the
+// file through an OutputWriter (fuse/output_writer.h), while the next ones are
+// made.
 //
 // A regular file (or a path that does not exist yet, or a symbolic link to
 // either) is never written in place: the stream goes to a hidden temporary file
@@ -18,22 +20,25 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
+
+#include "fuse/output_writer.h"
 
 namespace tevrin {
 
-// Bytes of the stream buffer between the writers and the file.
+// Bytes of the stream buffers between the writers and the file, both halves.
 inline constexpr size_t kStreamBufferBytes = 8388608;
 
 struct OutputStream {
     std::string path;       // what the user named
     std::string target;     // the file replaced on commit (the link's target for a link)
     std::string temp_path;  // empty when writing straight to the target
-    FILE* stream = nullptr;
-    uint64_t written = 0;  // bytes handed to the stream so far
-    dev_t temp_dev = 0;    // the temporary file's identity, kept after the commit
+    int fd = -1;
+    std::unique_ptr<OutputWriter> writer;  // while open
+    uint64_t written = 0;                  // bytes handed to the stream so far
+    dev_t temp_dev = 0;                    // the temporary file's identity, kept after the commit
     ino_t temp_ino = 0;
     bool committed = false;
 };
