@@ -23,6 +23,14 @@ void blend_rows(const MethodSpec& spec, uint64_t seed, int64_t first_row,
                 const std::vector<const float*>& sources, float* out, int64_t rows,
                 int64_t row_len);
 
+// Blends rows given in half precision (F16) straight from their bytes, where
+// the method reads each element once (`linear`) and the CPU has AVX2 and F16C:
+// the floats blend_rows gives for the decoded rows (a half converts exactly),
+// without decoding them first. Returns false, having done nothing, for any other
+// method or CPU, and for weights that are not finite.
+bool blend_f16_rows(const MethodSpec& spec, const std::vector<const uint16_t*>& sources, float* out,
+                    int64_t rows, int64_t row_len);
+
 // Exactly `count` weights: weights[k] where given, `fill` beyond the list.
 std::vector<float> fit_weights(const std::vector<float>& weights, int64_t count, float fill);
 

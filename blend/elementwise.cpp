@@ -1,8 +1,14 @@
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "blend/blend.h"
+#include "blend/cpu_features.h"
 #include "blend/draws.h"
 #include "blend/methods.h"
 #include "recipe/method_table.h"
@@ -54,11 +60,63 @@ __attribute__((target("avx2"))) void weighted_sum_avx2(const float* const* src, 
 }
 #endif
 
+#if defined(__x86_64__)
+// Converts up to 8 halves of each source at element i and sums them with the
+// float loops.
+__attribute__((target("avx2,f16c"))) void weighted_sum_f16_group(const uint16_t* const* src,
+                                                                 const float* w, size_t n,
+                                                                 float* out, int64_t i,
+                                                                 int64_t count) {
+    float floats[8][8];
+    const float* rows[8];
+    for (size_t k = 0; k < n; ++k) {
+        for (int64_t e = 0; e < count; ++e) {
+            floats[k][e] = _cvtsh_ss(src[k][i + e]);
+        }
+        rows[k] = floats[k];
+    }
+    weighted_sum_avx2(rows, w, n, out + i, count);
+}
+
+// weighted_sum_passes on sources in half precision, converted as they are read
+// (the conversion is exact), all sources in one pass: element i sees
+// ((0.0f + s0[i] * w0) + s1[i] * w1) + ..., each step rounded, none fused (the
+// target has no FMA). Where both operands of an addition are NaN, the CPU keeps
+// the first one's payload, and the compiler may put either first; so a group of
+// 8 with a NaN in it, and the last few elements, are summed again by the float
+// loops, whose bytes the output has always had.
+__attribute__((target("avx2,f16c"))) void weighted_sum_f16_avx2(const uint16_t* const* src,
+                                                                const float* w, size_t n,
+                                                                float* out, int64_t count) {
+    assert(n <= 8);
+    int64_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        __m256 sum = _mm256_setzero_ps();
+        for (size_t k = 0; k < n; ++k) {
+            const __m256 halves =
+                _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src[k] + i)));
+            sum = _mm256_add_ps(sum, _mm256_mul_ps(halves, _mm256_set1_ps(w[k])));
+        }
+        if (_mm256_movemask_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q)) != 0) {
+            weighted_sum_f16_group(src, w, n, out, i, 8);
+        } else {
+            _mm256_storeu_ps(out + i, sum);
+        }
+    }
+    if (i < count) {
+        weighted_sum_f16_group(src, w, n, out, i, count - i);
+    }
+}
+
+bool finite_weights(const std::vector<float>& w) {
+    return std::all_of(w.begin(), w.end(), [](float x) { return std::isfinite(x); });
+}
+#endif
+
 void weighted_sum(const std::vector<const float*>& sources, const std::vector<float>& w, float* out,
                   int64_t count) {
 #if defined(__x86_64__)
-    static const bool avx2 = __builtin_cpu_supports("avx2");
-    if (avx2) {
+    if (cpu_features().avx2) {
         return weighted_sum_avx2(sources.data(), w.data(), sources.size(), out, count);
     }
 #endif
@@ -172,11 +230,9 @@ std::vector<float> chaos_weights(uint64_t seed, int64_t row, float alpha, size_t
     return w;
 }
 
-}  // namespace
-
-void blend_linear(const BlendCall& call) {
-    const size_t n = call.sources.size();
-    std::vector<float> w = method_weights(call.spec, n);
+// The method's weights scaled to sum to 1 (in double); all zero stays zero.
+std::vector<float> linear_weights(const MethodSpec& spec, size_t n) {
+    std::vector<float> w = method_weights(spec, n);
     double sum = 0.0;
     for (float wk : w) {
         sum += static_cast<double>(wk);
@@ -187,7 +243,34 @@ void blend_linear(const BlendCall& call) {
     for (float& wk : w) {
         wk = static_cast<float>(static_cast<double>(wk) / sum);
     }
-    weighted_sum(call.sources, w, call.out, call.rows * call.row_len);
+    return w;
+}
+
+}  // namespace
+
+void blend_linear(const BlendCall& call) {
+    weighted_sum(call.sources, linear_weights(call.spec, call.sources.size()), call.out,
+                 call.rows * call.row_len);
+}
+
+bool blend_f16_rows(const MethodSpec& spec, const std::vector<const uint16_t*>& sources, float* out,
+                    int64_t rows, int64_t row_len) {
+#if defined(__x86_64__)
+    if (spec.method != BlendMethod::linear || !cpu_features().avx2 || !cpu_features().f16c) {
+        return false;
+    }
+    // Weights that are not finite are left to the decoded path: there the NaN of
+    // a product may come from either operand.
+    const std::vector<float> w = linear_weights(spec, sources.size());
+    if (!finite_weights(w)) {
+        return false;
+    }
+    weighted_sum_f16_avx2(sources.data(), w.data(), sources.size(), out,
+                          std::max<int64_t>(rows, 0) * std::max<int64_t>(row_len, 0));
+    return true;
+#else
+    return false;
+#endif
 }
 
 void blend_slerp(const BlendCall& call) {

@@ -1,5 +1,7 @@
 #include "blend/row_engine.h"
 
+#include "blend/cpu_features.h"
+
 namespace tevrin {
 
 namespace {
@@ -54,11 +56,7 @@ using RefillFn = void (*)(uint64_t*, uint64_t*);
 
 RefillFn refill_for_cpu() {
 #if defined(__x86_64__)
-    static const RefillFn chosen = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx2") ? refill_avx2 : refill_plain;
-    }();
-    return chosen;
+    return cpu_features().avx2 ? refill_avx2 : refill_plain;
 #else
     return refill_plain;
 #endif

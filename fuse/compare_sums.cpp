@@ -3,8 +3,9 @@
 #include <cassert>
 #include <type_traits>
 
+#include "blend/cpu_features.h"
+
 #if defined(__x86_64__)
-#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -38,12 +39,8 @@ void add_pairs_plain(const float* r, const float* s, int64_t count, PairLanes p)
 
 #if defined(__x86_64__)
 bool cpu_has_avx2_fma_f16c() {
-    static const bool has = [] {
-        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
-               __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_F16C) != 0;
-    }();
-    return has;
+    const CpuFeatures& cpu = cpu_features();
+    return cpu.avx2 && cpu.fma && cpu.f16c;
 }
 
 // Four pairs into four lanes. A value's square is exact in double, so its fused

@@ -2,8 +2,9 @@
 
 #include <ggml.h>
 
+#include "blend/cpu_features.h"
+
 #if defined(__x86_64__)
-#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -24,23 +25,13 @@ __attribute__((target("f16c,avx"))) void f16c_row(const uint8_t* row, float* out
     }
 }
 
-// F16C is read from CPUID directly: clang 14 does not know the feature name
-// "f16c" in __builtin_cpu_supports.
-bool cpu_has_f16c() {
-    static const bool has = [] {
-        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-        return __builtin_cpu_supports("avx") && __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 &&
-               (ecx & bit_F16C) != 0;
-    }();
-    return has;
-}
 #endif
 
 }  // namespace
 
 void f16_row_to_floats(const uint8_t* row, float* out, int64_t count) {
 #if defined(__x86_64__)
-    if (cpu_has_f16c()) {
+    if (cpu_features().f16c) {
         f16c_row(row, out, count);
         return;
     }

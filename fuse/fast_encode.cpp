@@ -2,11 +2,8 @@
 
 #include <ggml.h>
 
+#include "blend/cpu_features.h"
 #include "fuse/fast_encode_blocks.h"
-
-#if defined(__x86_64__)
-#include <cpuid.h>
-#endif
 
 namespace tevrin {
 
@@ -19,20 +16,9 @@ struct FastType {
     int64_t block;  // elements per block
 };
 
-// The vector copies need AVX2 and F16C; F16C is read from CPUID because clang 14
-// does not know its name in __builtin_cpu_supports.
+// The vector copies need AVX2 and F16C.
 bool cpu_has_vector_encoders() {
-#if defined(__x86_64__)
-    static const bool has = [] {
-        __builtin_cpu_init();
-        unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-        return __builtin_cpu_supports("avx2") && __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 &&
-               (ecx & bit_F16C) != 0;
-    }();
-    return has;
-#else
-    return false;
-#endif
+    return cpu_features().avx2 && cpu_features().f16c;
 }
 
 FastType fast_type(int32_t type) {

@@ -8,6 +8,8 @@
 #include <numeric>
 #include <tuple>
 
+#include <ggml.h>
+
 #include "blend/draws.h"
 #include "recipe/method_table.h"
 #include "tests/blend/kernel_call.h"
@@ -55,6 +57,40 @@ TEST(Linear, NormalisesTheWeights) {
     // A zero sum divides by 1, a negative one as it is; a short list gives 0.
     EXPECT_EQ(run(spec_of(BlendMethod::linear, 0.5f, {0, 0}), one_hot), Floats(3));
     EXPECT_EQ(run(spec_of(BlendMethod::linear, 0.5f, {1, -3}), one_hot), (Floats{-0.5f, 1.5f, 0}));
+}
+
+// Linear from F16 bytes gives the floats of decoding them first, for every
+// source count and every length around the vector width, with signed zeros,
+// subnormals, infinities and NaNs (several at one element) among the values.
+TEST(Linear, BlendsF16BytesAsTheirDecodedFloats) {
+    if (!blend_f16_rows(spec_of(BlendMethod::linear), {}, nullptr, 0, 0)) {
+        GTEST_SKIP() << "no AVX2 and F16C";
+    }
+    const uint16_t specials[] = {0x0000, 0x8000, 0x0001, 0x83ff, 0x7c00, 0xfc00, 0x7e01, 0xfd00};
+    for (size_t n = 1; n <= 8; ++n) {
+        for (int64_t len = 1; len <= 41; ++len) {
+            std::vector<std::vector<uint16_t>> halves(n);
+            Rows floats(n);
+            std::vector<const uint16_t*> at;
+            for (size_t k = 0; k < n; ++k) {
+                for (int64_t i = 0; i < len; ++i) {
+                    const auto bits = uint16_t((i * 7919 + k * 104729) % 65536);
+                    halves[k].push_back(i % 5 == 0 ? specials[(i + k) % 8] : bits);
+                    floats[k].push_back(ggml_fp16_to_fp32(halves[k].back()));
+                }
+                at.push_back(halves[k].data());
+            }
+            const MethodSpec spec = spec_of(BlendMethod::linear, 0.5f, {0.3f, 1.7f, -0.4f, 1});
+            Floats direct(size_t(len), -1.0f);
+            ASSERT_TRUE(blend_f16_rows(spec, at, direct.data(), 1, len));
+            const Floats decoded = run(spec, floats);
+            EXPECT_EQ(std::memcmp(direct.data(), decoded.data(), size_t(len) * 4), 0)
+                << n << " sources, " << len << " elements";
+        }
+    }
+    EXPECT_FALSE(blend_f16_rows(spec_of(BlendMethod::slerp), {}, nullptr, 0, 0));
+    const std::vector<const uint16_t*> two(2);
+    EXPECT_FALSE(blend_f16_rows(spec_of(BlendMethod::linear, 0.5f, {1, NAN}), two, nullptr, 0, 0));
 }
 
 TEST(Slerp, FollowsTheArcOrFallsBackToTheLinearForm) {
