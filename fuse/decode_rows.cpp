@@ -7,6 +7,7 @@
 #include <ggml.h>
 
 #include "fuse/f16_rows.h"
+#include "fuse/fast_decode.h"
 
 namespace tevrin {
 
@@ -22,6 +23,9 @@ void decode_source_rows(const SourceModel& source, int64_t index, int64_t first_
     const ggml_type type = ggml_type(tensor_type(source, index));
     const size_t row_bytes = ggml_row_size(type, row_len);
     const uint8_t* row = tensor_data(source, index) + size_t(first_row) * row_bytes;
+    if (decode_rows_fast(type, row, dest, rows * row_len)) {  // rows lie end to end
+        return;
+    }
     for (int64_t r = 0; r < rows; ++r, row += row_bytes, dest += row_len) {
         if (type == GGML_TYPE_F32) {
             std::memcpy(dest, row, size_t(row_len) * sizeof(float));

@@ -1,5 +1,6 @@
-// The vector encoders against the base library: the same bytes for every input
-// kind and row length, and a dispatch that covers only what it should.
+// The vector encoders and decoders against the base library: the same bytes (and
+// floats) for every input kind and row length, and a dispatch that covers only
+// what it should.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,6 +13,7 @@
 
 #include <ggml.h>
 
+#include "fuse/fast_decode.h"
 #include "fuse/fast_encode.h"
 #include "fuse/fuse.h"
 #include "tests/support/gguf_builder.h"
@@ -240,6 +242,34 @@ TEST(FastEncode, CoversOnlyItsTypesAndWholeBlocks) {
             EXPECT_EQ(out, std::vector<uint8_t>(4096, 0xAB)) << "wrote though it declined";
         }
     }
+}
+
+// The vector decoders against the library's to_float on random bytes, which
+// reach every quant, every scale and min, and halves that are subnormal,
+// infinite or NaN; and a dispatch that declines partial super-blocks, other
+// types, and a caller that asks for the plain path.
+TEST(FastDecode, SameFloatsAsTheLibraryOnAnyBytes) {
+    std::mt19937 rng(11);
+    for (const ggml_type type : {GGML_TYPE_Q6_K, GGML_TYPE_Q2_K}) {
+        const int64_t count = 64 * 256;
+        std::vector<uint8_t> bytes(ggml_row_size(type, count));
+        for (auto& b : bytes) {
+            b = uint8_t(rng());
+        }
+        std::vector<float> fast(size_t(count), -1.0f);
+        std::vector<float> library(static_cast<size_t>(count));
+        if (!decode_rows_fast(type, bytes.data(), fast.data(), count)) {
+            GTEST_SKIP() << "no AVX2 and F16C";
+        }
+        ggml_get_type_traits(type)->to_float(bytes.data(), library.data(), count);
+        EXPECT_EQ(std::memcmp(fast.data(), library.data(), size_t(count) * 4), 0)
+            << ggml_type_name(type);
+        EXPECT_FALSE(decode_rows_fast(type, bytes.data(), fast.data(), count, VectorUse::never));
+        EXPECT_FALSE(decode_rows_fast(type, bytes.data(), fast.data(), 100));
+    }
+    std::vector<uint8_t> q4(ggml_row_size(GGML_TYPE_Q4_K, 256));
+    std::vector<float> out(256);
+    EXPECT_FALSE(decode_rows_fast(GGML_TYPE_Q4_K, q4.data(), out.data(), 256));
 }
 
 }  // namespace
