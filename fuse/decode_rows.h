@@ -1,7 +1,7 @@
 // Decoding of source rows to 32-bit floats, exactly as every fusion reads them:
-// F32 copied, F16 by the project's own exact converter, q6_k and q2_k by the
-// vector decoders where the CPU has them (fuse/fast_decode.h), every other type
-// by ggml's to_float.
+// F32 copied, F16 by the project's own exact converter, q2_k, q3_k and q6_k by
+// the vector decoders where the CPU has them (fuse/fast_decode.h), every other
+// type by ggml's to_float.
 //
 // decode_source_rows only reads the source's mapping and writes `dest`; calls on
 // disjoint destination ranges may run concurrently.

@@ -107,6 +107,44 @@ __attribute__((target("avx2,f16c"))) void decode_q2_k_avx2(const uint8_t* x, flo
         }
     }
 }
+
+// The 16 scales of a q3_k super-block, 6 bits each, less 32: the low nibbles
+// are those of bytes 0-7 and then their high nibbles; the top two bits of scale
+// i are bits [2 (i / 4), 2 (i / 4) + 2) of byte 8 + i % 4.
+void q3_k_scales(const uint8_t* packed, int (&scales)[16]) {
+    for (int i = 0; i < 16; ++i) {
+        const int low = i < 8 ? packed[i] & 0xf : packed[i - 8] >> 4;
+        const int high = (packed[8 + i % 4] >> (2 * (i / 4))) & 3;
+        scales[i] = (low | high << 4) - 32;
+    }
+}
+
+// A q3_k super-block: 32 bytes of high bits, 64 of 2-bit quants, 12 of packed
+// scales, the half d. Element 128n + 32j + l takes bits [2j, 2j + 2) of quant
+// byte 32n + l, less 4 where bit 4n + j of high byte l is clear; each run of 16
+// takes the next scale.
+__attribute__((target("avx2,f16c"))) void decode_q3_k_avx2(const uint8_t* x, float* y,
+                                                           int64_t blocks) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i four = _mm256_set1_epi8(4);
+    for (int64_t b = 0; b < blocks; ++b, x += 110, y += kSuperBlock) {
+        int scales[16];
+        q3_k_scales(x + 96, scales);
+        const float d = half_at(x + 108);
+        const __m256i high = load32(x);
+        for (int n = 0; n < 2; ++n) {
+            const __m256i q = load32(x + 32 + 32 * n);
+            for (int j = 0; j < 4; ++j) {
+                const __m256i bit = _mm256_set1_epi8(char(1 << (4 * n + j)));
+                const __m256i clear = _mm256_cmpeq_epi8(_mm256_and_si256(high, bit), zero);
+                const __m256i value =
+                    _mm256_sub_epi8(two_bits(q, 2 * j), _mm256_and_si256(clear, four));
+                const int* sc = scales + 8 * n + 2 * j;
+                store_scaled(value, d * float(sc[0]), d * float(sc[1]), y + 128 * n + 32 * j);
+            }
+        }
+    }
+}
 #endif
 
 using BlockDecoder = void (*)(const uint8_t*, float*, int64_t);
@@ -118,6 +156,8 @@ BlockDecoder fast_decoder(int32_t type) {
             return decode_q6_k_avx2;
         case GGML_TYPE_Q2_K:
             return decode_q2_k_avx2;
+        case GGML_TYPE_Q3_K:
+            return decode_q3_k_avx2;
         default:
             break;
     }

@@ -250,7 +250,7 @@ TEST(FastEncode, CoversOnlyItsTypesAndWholeBlocks) {
 // types, and a caller that asks for the plain path.
 TEST(FastDecode, SameFloatsAsTheLibraryOnAnyBytes) {
     std::mt19937 rng(11);
-    for (const ggml_type type : {GGML_TYPE_Q6_K, GGML_TYPE_Q2_K}) {
+    for (const ggml_type type : {GGML_TYPE_Q6_K, GGML_TYPE_Q2_K, GGML_TYPE_Q3_K}) {
         const int64_t count = 64 * 256;
         std::vector<uint8_t> bytes(ggml_row_size(type, count));
         for (auto& b : bytes) {
