@@ -52,7 +52,9 @@ void write_zeros(OutputStream& out, uint64_t count);
 // Appends `size` bytes of the file `fd` from `offset`, file to file inside the
 // kernel where it can (the mapping is not touched), and from `mapped` (the same
 // bytes in a mapping) for whatever it cannot: another file system, a pipe, a
-// device. Mapped pages read are released afterwards.
+// device; and for pieces smaller than half the stream buffer, which the kernel
+// could copy only after every byte before them is written. Mapped pages read
+// are released afterwards.
 void copy_file_bytes(OutputStream& out, int fd, uint64_t offset, const uint8_t* mapped,
                      size_t size);
 

@@ -1,8 +1,8 @@
 // The output stream from its own calls: bytes land in the file in the order they
-// were given, whatever mix of writes and file-to-file copies made them. Writes
-// go past the page cache in aligned blocks where the file system allows, and
-// through it for the unaligned heads and tails a copy leaves; both halves of the
-// buffer take turns.
+// were given, whatever mix of writes and copies made them (large copies go file
+// to file, small ones through the buffer). Writes go past the page cache in
+// aligned blocks where the file system allows, and through it for the unaligned
+// heads and tails a copy leaves; both halves of the buffer take turns.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -35,7 +35,8 @@ bool takes_direct_writes(const TempDir& dir) {
 
 TEST(OutputStream, WritesAndCopiesLandInOrderAtAnyAlignment) {
     TempDir dir;
-    const std::string source = patterned(3 * kDirectAlign + 123, 9);
+    const size_t half = kStreamBufferBytes / 2;  // copies from this size on go file to file
+    const std::string source = patterned(2 * half + 3 * kDirectAlign + 123, 9);
     write_file(dir.file("source"), source);
     const int fd = open(dir.file("source").c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
@@ -54,15 +55,16 @@ TEST(OutputStream, WritesAndCopiesLandInOrderAtAnyAlignment) {
         copy_file_bytes(out, fd, offset, static_cast<const uint8_t*>(mapping) + offset, size);
         expected += source.substr(offset, size);
     };
-    put(100);                       // a head shorter than a block
-    copy(7, 2 * kDirectAlign + 5);  // leaves the offset unaligned
-    put(3 * kDirectAlign + 5);      // head, aligned body, tail
+    put(100);                                  // a head shorter than a block
+    copy(7, half + 5);                         // file to file, leaving the offset unaligned
+    put(3 * kDirectAlign + 5);                 // head, aligned body, tail
+    copy(kDirectAlign + 1, 2 * kDirectAlign);  // through the buffer
     put(1);
     put(kStreamBufferBytes + 3);  // fills both halves and more
     copy(0, 3);
     write_zeros(out, 2 * kDirectAlign + 1);  // zeros across blocks
     expected += std::string(2 * kDirectAlign + 1, '\0');
-    copy(kDirectAlign, 2 * kDirectAlign);  // aligned again by chance
+    copy(2 * kDirectAlign, half + kDirectAlign);  // file to file again
     put(kDirectAlign - 1);
     check_output(out);
     writer_drain(*out.writer);
