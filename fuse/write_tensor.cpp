@@ -54,8 +54,7 @@ int64_t count_non_finite_plain(const float* values, int64_t count) {
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) int64_t count_non_finite_avx2(const float* values,
-                                                               int64_t count) {
+__attribute__((target("avx2"))) int64_t count_non_finite_avx2(const float* values, int64_t count) {
     return count_non_finite_pieces(values, count);
 }
 #endif
